@@ -1,0 +1,28 @@
+# The two commands of the README. Both run the set-up first, so a fresh
+# machine needs nothing else.
+BUILD := build
+JOBS ?= $(shell nproc)
+
+.PHONY: all setup build build64 build32 test demo clean
+
+all: build
+
+setup:
+	@sh scripts/setup.sh
+
+build32: setup
+	cmake -S . -B $(BUILD)/x86 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw32.cmake -DKORVANE_BUILD_TESTS=OFF >/dev/null
+	cmake --build $(BUILD)/x86 -j $(JOBS)
+
+build64: setup build32
+	cmake -S . -B $(BUILD)/x64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw64.cmake \
+	      -DKORVANE_DLL32=$(abspath $(BUILD)/x86/bin/korvane32.dll) >/dev/null
+	cmake --build $(BUILD)/x64 -j $(JOBS)
+
+build: build64
+
+test: build
+	sh scripts/run-tests.sh $(BUILD)/x64
+
+clean:
+	rm -rf $(BUILD)

@@ -1,0 +1,13 @@
+# Cross-compiles the 32-bit flavour with Debian's MinGW-w64 (posix threads).
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+set(KORVANE_TRIPLET i686-w64-mingw32)
+set(CMAKE_C_COMPILER ${KORVANE_TRIPLET}-gcc-posix)
+set(CMAKE_CXX_COMPILER ${KORVANE_TRIPLET}-g++-posix)
+set(CMAKE_RC_COMPILER ${KORVANE_TRIPLET}-windres)
+set(KORVANE_WIDL ${KORVANE_TRIPLET}-widl)
+set(CMAKE_FIND_ROOT_PATH /usr/${KORVANE_TRIPLET})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+# No emulator: 32-bit Wine is not available on the build machines.

@@ -1,0 +1,49 @@
+#pragma once
+// The one place where the add-in touches the registry. Places are named by
+// key paths such as "HKCU\Software\Company\Product\Format"; every access uses
+// the registry view that matches Outlook's bitness.
+#include <windows.h>
+
+#include <string>
+#include <string_view>
+
+namespace RegUtil {
+
+struct KeyPath {
+    HKEY root;
+    std::wstring subKey;
+};
+
+// Root name before the first backslash (HKLM, HKEY_LOCAL_MACHINE, HKCU,
+// HKEY_CURRENT_USER, HKCR, HKEY_CLASSES_ROOT, case-sensitive); anything else
+// is a subkey path under HKEY_CURRENT_USER.
+KeyPath parseKeyPath(std::wstring_view path);
+
+// The view flag ORed into every access: 0, KEY_WOW64_32KEY or KEY_WOW64_64KEY.
+REGSAM registryView();
+void setRegistryView(REGSAM view);
+
+// Chooses the view of Outlook's bitness for all later accesses.
+void getRegistryViewForOutlooksBitness();
+
+// Whether Outlook is 64-bit, from the Office keys; the add-in's own bitness
+// when no Outlook is registered.
+bool isOutlook64();
+
+// The unnamed value of the key at path, else the value named by the last
+// component in the key above it; empty when neither is there. DWORD and
+// QWORD values read as decimal text, expandable strings are expanded, a
+// multi-string gives its first string.
+std::wstring readString(const std::wstring& path);
+
+// Writes a REG_SZ value, creating the keys on the way.
+bool setRegValue(const std::wstring& keyName, const std::wstring& valueName, const std::wstring& value);
+
+// Deletes the key and everything below it.
+bool deleteKey(const std::wstring& path);
+// deleteKey when the key can be opened; true when it is gone afterwards.
+bool deleteKeyIfExists(const std::wstring& path);
+// Deletes one named value of a key; true when it is gone afterwards.
+bool deleteValueIfExists(const std::wstring& keyName, const std::wstring& valueName);
+
+} // namespace RegUtil

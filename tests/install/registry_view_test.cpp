@@ -1,0 +1,106 @@
+// The 32/64-bit registry views and Outlook's bitness from the Office keys.
+#include "install/reg_util.h"
+
+#include "addin/log.h"
+#include "support/scratch.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const std::wstring officeKey = L"Software\\Microsoft\\Office";
+
+class RegistryView : public testing::Test {
+protected:
+    void SetUp() override { removeOfficeKeys(); }
+    void TearDown() override
+    {
+        removeOfficeKeys();
+        RegUtil::setRegistryView(0);
+    }
+
+    // The test prefix has no Office: whatever the tests add goes again.
+    void removeOfficeKeys()
+    {
+        for (REGSAM view : {REGSAM(KEY_WOW64_32KEY), REGSAM(KEY_WOW64_64KEY)}) {
+            RegUtil::setRegistryView(view);
+            for (int version = 14; version <= 20; ++version)
+                RegUtil::deleteKeyIfExists(L"HKLM\\" + officeKey + L"\\" + std::to_wstring(version) + L".0");
+        }
+        RegUtil::setRegistryView(0);
+    }
+
+    void setBitness(REGSAM view, int version, const std::wstring& bitness)
+    {
+        RegUtil::setRegistryView(view);
+        ASSERT_TRUE(RegUtil::setRegValue(L"HKLM\\" + officeKey + L"\\" + std::to_wstring(version) + L".0\\Outlook",
+                                         L"Bitness", bitness));
+        RegUtil::setRegistryView(0);
+    }
+
+    TestSettingsKeys keys;
+};
+
+bool rawExists(const std::wstring& subKey)
+{
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key) != ERROR_SUCCESS)
+        return false;
+    RegCloseKey(key);
+    return true;
+}
+
+} // namespace
+
+TEST_F(RegistryView, ThirtyTwoBitViewLandsInWow6432Node)
+{
+    const std::wstring relative = L"Software\\KorvaneTest\\" + keys.product() + L"\\Format";
+    RegUtil::setRegistryView(KEY_WOW64_32KEY);
+    ASSERT_TRUE(RegUtil::setRegValue(L"HKLM\\" + relative, L"", L"eml"));
+    EXPECT_EQ(RegUtil::readString(L"HKLM\\" + relative), L"eml");
+
+    EXPECT_TRUE(rawExists(L"Software\\Wow6432Node\\KorvaneTest\\" + keys.product() + L"\\Format"));
+    EXPECT_FALSE(rawExists(relative));
+    RegUtil::setRegistryView(KEY_WOW64_64KEY);
+    EXPECT_EQ(RegUtil::readString(L"HKLM\\" + relative), L"");
+
+    RegUtil::setRegistryView(KEY_WOW64_32KEY);
+    EXPECT_TRUE(RegUtil::deleteKey(L"HKLM\\Software\\KorvaneTest\\" + keys.product()));
+    EXPECT_FALSE(rawExists(L"Software\\Wow6432Node\\KorvaneTest\\" + keys.product()));
+}
+
+TEST_F(RegistryView, ThirtyTwoBitOutlookIsFoundInItsView)
+{
+    setBitness(KEY_WOW64_32KEY, 16, L"x86");
+    EXPECT_FALSE(RegUtil::isOutlook64());
+    RegUtil::getRegistryViewForOutlooksBitness();
+    EXPECT_EQ(RegUtil::registryView(), static_cast<REGSAM>(KEY_WOW64_32KEY));
+}
+
+TEST_F(RegistryView, SixtyFourBitOutlook)
+{
+    setBitness(KEY_WOW64_64KEY, 16, L"x64");
+    EXPECT_TRUE(RegUtil::isOutlook64());
+    RegUtil::getRegistryViewForOutlooksBitness();
+    EXPECT_EQ(RegUtil::registryView(), static_cast<REGSAM>(KEY_WOW64_64KEY));
+}
+
+TEST_F(RegistryView, NewestVersionInTheFirstViewWins)
+{
+    setBitness(KEY_WOW64_32KEY, 14, L"x64");
+    setBitness(KEY_WOW64_32KEY, 15, L"x86");
+    setBitness(KEY_WOW64_64KEY, 16, L"x64");
+    EXPECT_FALSE(RegUtil::isOutlook64());
+}
+
+TEST_F(RegistryView, NoOutlookAssumesTheAddinsBitness)
+{
+    LogCapture log(LOG_INFO);
+    RegUtil::setRegistryView(KEY_WOW64_32KEY);
+    EXPECT_EQ(RegUtil::isOutlook64(), sizeof(void*) == 8);
+    EXPECT_EQ(RegUtil::registryView(), static_cast<REGSAM>(KEY_WOW64_32KEY)); // probing leaves the view
+    const std::string text = log.contents();
+    EXPECT_NE(text.find("WARN RegUtil:"), std::string::npos);
+    EXPECT_NE(text.find("Could not detect Outlook bitness, assume Windows bitness="), std::string::npos) << text;
+    EXPECT_NE(text.find("Outlook is 64bit"), std::string::npos) << text;
+}
