@@ -1,0 +1,48 @@
+#pragma once
+// Reading a message straight from its .msg compound storage, in the documented
+// layout, for when Extended MAPI can't be used:
+// - "__properties_version1.0": a header (32 bytes for the message itself,
+//   8 bytes inside recipient and attachment storages) followed by 16-byte
+//   entries: tag (4), flags (4), value (8);
+// - "__substg1.0_TTTTTTTT": the bytes of one variable-size value (strings,
+//   binaries), TTTTTTTT being the tag in upper-case hex;
+// - "__recip_version1.0_#XXXXXXXX": one storage per recipient row, with its
+//   own properties stream and substorage streams;
+// - "__attach_version1.0_#XXXXXXXX": one storage per attachment.
+#include <objidl.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+// One value as the storage holds it: fixed-size values as their 8 value bytes,
+// variable-size values as the whole bytes of their stream.
+struct StoredProperty {
+    uint32_t tag = 0; // property id in the high word, type in the low word
+    std::string bytes;
+};
+
+// The properties of one message, recipient row or attachment, by property id
+// (the high word of the tag), so that a string found as PT_STRING8 or
+// PT_UNICODE is found either way.
+using StoredProperties = std::map<uint16_t, StoredProperty>;
+
+struct StoredMessage {
+    StoredProperties properties;
+    std::vector<StoredProperties> recipients;  // in the order of their storage numbers
+    std::vector<StoredProperties> attachments; // in the order of their storage numbers
+};
+
+// Reads the message's properties, its recipient rows and its attachments'
+// properties (an embedded message attachment's storage is not descended into).
+// A storage without a properties stream is not a message: STG_E_FILENOTFOUND.
+// A properties stream that is truncated, has a count that doesn't fit its size,
+// or points at substorage streams that are missing or shorter than their entry
+// says gives STG_E_DOCFILECORRUPT for that value only when it can be skipped,
+// or for the whole read when the properties stream itself is broken; every
+// failure is logged. Never reads past a buffer.
+HRESULT readStoredMessage(IStorage* storage, StoredMessage& message);
+
+// The property with this id, or null.
+const StoredProperty* findStoredProperty(const StoredProperties& properties, uint16_t propertyId);
