@@ -11,6 +11,7 @@
 #include <string>
 
 #include "addin/resource_bundle.h"
+#include "items/decrypt_mail.h"
 
 class Globals {
 public:
@@ -97,6 +98,9 @@ public:
     // Where the module's texts and install.cfg are looked for; the module
     // that contains this code unless a host says otherwise.
     void setModule(HMODULE module) { module_ = module; }
+    HMODULE module() const { return module_; }
+
+    DecryptMail& decryptMail() { return decryptMail_; }
 
 private:
     void loadFromRegistry();
@@ -114,6 +118,7 @@ private:
     mutable std::shared_ptr<ResourceBundle> resourceBundle_;
     mutable std::mutex resourceBundleLock_;
     HMODULE module_ = nullptr;
+    DecryptMail decryptMail_{*this};
 };
 
 // The two-letter ISO 639 code of a Windows language id, empty on failure.

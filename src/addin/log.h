@@ -88,10 +88,13 @@ private:
     const char* name_;
 };
 
-#define KV_DEBUG(logger) if (!(logger).isDebugEnabled()) {} else (logger).debug(__LINE__)
-#define KV_INFO(logger) if (!(logger).isInfoEnabled()) {} else (logger).info(__LINE__)
-#define KV_WARN(logger) if (!(logger).isWarnEnabled()) {} else (logger).warn(__LINE__)
-#define KV_ERROR(logger) if (!(logger).isErrorEnabled()) {} else (logger).error(__LINE__)
+// A loop that runs once when the level is on: safe inside an unbraced if/else.
+#define KV_LOG_AT(logger, enabled, make)                                          \
+    for (bool kvLogOnce = (logger).enabled(); kvLogOnce; kvLogOnce = false) (logger).make(__LINE__)
+#define KV_DEBUG(logger) KV_LOG_AT(logger, isDebugEnabled, debug)
+#define KV_INFO(logger) KV_LOG_AT(logger, isInfoEnabled, info)
+#define KV_WARN(logger) KV_LOG_AT(logger, isWarnEnabled, warn)
+#define KV_ERROR(logger) KV_LOG_AT(logger, isErrorEnabled, error)
 
 // Appends a FILETIME (UTC, as it stands) as year-month-day hours:minutes:seconds.
 void writeFileTime(std::wostream& stream, const FILETIME& fileTime);

@@ -1,11 +1,17 @@
 #pragma once
-// VARIANT that clears itself, and a property read through late binding.
+// VARIANT that clears itself, and calls into automation objects by name.
 #include <oaidl.h>
 #include <oleauto.h>
+
+#include <initializer_list>
+#include <string>
 
 class UniqueVariant {
 public:
     UniqueVariant() { VariantInit(&value_); }
+    explicit UniqueVariant(const std::wstring& text);
+    explicit UniqueVariant(LONG number);
+    explicit UniqueVariant(IDispatch* object); // adds its own reference
     UniqueVariant(const UniqueVariant&) = delete;
     UniqueVariant& operator=(const UniqueVariant&) = delete;
     ~UniqueVariant() { VariantClear(&value_); }
@@ -21,12 +27,20 @@ public:
         return &value_;
     }
 
+    // The value as text (VariantChangeType to BSTR); empty when it has none.
+    std::wstring text() const;
+
 private:
     VARIANT value_;
 };
 
-// Gets the property `name` of an automation object (names resolved with
-// GetIDsOfNames, LOCALE_SYSTEM_DEFAULT, a property get with the arguments in
-// their natural order).
+// Calls the member `name` of an automation object: names resolved with
+// GetIDsOfNames, LOCALE_SYSTEM_DEFAULT, the arguments given in their natural
+// order (IDispatch wants them last to first; this does the turning).
+// flags: DISPATCH_PROPERTYGET, DISPATCH_METHOD, DISPATCH_PROPERTYPUT(REF).
+HRESULT invokeByName(IDispatch* object, const wchar_t* name, WORD flags, std::initializer_list<const VARIANT*> args,
+                     UniqueVariant* result);
+
+// A property get with arguments.
 HRESULT getDispatchProperty(IDispatch* object, const wchar_t* name, VARIANT* args, UINT argCount,
                             UniqueVariant& result);

@@ -28,21 +28,42 @@ struct StoredProperty {
 // PT_UNICODE is found either way.
 using StoredProperties = std::map<uint16_t, StoredProperty>;
 
+// A value, recipient row or attachment that was in the storage but was left
+// out because it could not be read safely.
+struct SkippedValue {
+    std::wstring where; // the storage path, "" for the message itself
+    uint32_t tag = 0;   // 0 when a whole recipient or attachment storage was left out
+    HRESULT hr = S_OK;  // why
+};
+
 struct StoredMessage {
     StoredProperties properties;
     std::vector<StoredProperties> recipients;  // in the order of their storage numbers
     std::vector<StoredProperties> attachments; // in the order of their storage numbers
+    std::vector<SkippedValue> skipped;         // what was left out, in the order met
+};
+
+// Bounds that keep a hostile storage from costing unbounded memory or time.
+struct StoredReadLimits {
+    size_t maxValueBytes = size_t(64) << 20; // one value's stream
+    size_t maxRows = 8192;                   // recipient storages; attachment storages
 };
 
 // Reads the message's properties, its recipient rows and its attachments'
-// properties (an embedded message attachment's storage is not descended into).
+// properties (an embedded message attachment's storage is not descended into:
+// its PT_OBJECT value is kept with empty bytes).
 // A storage without a properties stream is not a message: STG_E_FILENOTFOUND.
 // A properties stream that is truncated, has a count that doesn't fit its size,
 // or points at substorage streams that are missing or shorter than their entry
 // says gives STG_E_DOCFILECORRUPT for that value only when it can be skipped,
 // or for the whole read when the properties stream itself is broken; every
 // failure is logged. Never reads past a buffer.
-HRESULT readStoredMessage(IStorage* storage, StoredMessage& message);
+// A value can be skipped; so can a recipient or attachment storage whose own
+// properties stream is broken. Each is listed in `skipped` with its reason
+// (STG_E_DOCFILECORRUPT, STG_E_DOCFILETOOLARGE beyond the limits, or the
+// stream's own error) and the read then returns S_FALSE; S_OK means all was read.
+// String values are stored without their terminating NUL.
+HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const StoredReadLimits& limits = {});
 
 // The property with this id, or null.
 const StoredProperty* findStoredProperty(const StoredProperties& properties, uint16_t propertyId);

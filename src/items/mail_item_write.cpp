@@ -1,0 +1,259 @@
+// Writing a mail item's file: the .msg copy of Outlook's storage, and the
+// .eml through Redemption or Outlook's MIME converter.
+#include "items/mail_item.h"
+
+#include "addin/globals.h"
+#include "addin/log.h"
+#include "addin/outlook_application.h"
+#include "common/com_variant.h"
+#include "common/hresult.h"
+#include "common/strings.h"
+#include "items/eml_headers.h"
+#include "items/outlook_objects.h"
+
+#include <shlwapi.h>
+
+namespace {
+
+Logger logger("MailItem");
+
+constexpr ULONG mimeConversionFlags = CCSF_SMTP | CCSF_INCLUDE_BCC | CCSF_USE_RTF;
+
+HRESULT writeAll(IStream* stream, const void* data, size_t size)
+{
+    ULONG written = 0;
+    const HRESULT hr = stream->Write(data, static_cast<ULONG>(size), &written);
+    if (SUCCEEDED(hr) && written != size)
+        return STG_E_WRITEFAULT;
+    return hr;
+}
+
+// A locked global memory block, unlocked on every way out.
+class GlobalLockGuard {
+public:
+    explicit GlobalLockGuard(HGLOBAL memory) : memory_(memory), data_(GlobalLock(memory)) {}
+    GlobalLockGuard(const GlobalLockGuard&) = delete;
+    GlobalLockGuard& operator=(const GlobalLockGuard&) = delete;
+    ~GlobalLockGuard()
+    {
+        if (data_)
+            GlobalUnlock(memory_);
+    }
+    const char* data() const { return static_cast<const char*>(data_); }
+
+private:
+    HGLOBAL memory_;
+    void* data_;
+};
+
+} // namespace
+
+HRESULT MailItem::copyStorageToFile(const std::wstring& path)
+{
+    Microsoft::WRL::ComPtr<IStorage> fileStorage;
+    HRESULT hr = StgCreateDocfile(path.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, &fileStorage);
+    KV_DEBUG(logger) << "StgCreateDocfile =" << hr << ", " << fileStorage.Get();
+    if (FAILED(hr))
+        return hr;
+    hr = storage_->CopyTo(0, nullptr, nullptr, fileStorage.Get());
+    KV_DEBUG(logger) << "pStorageSrc->CopyTo=" << hr;
+    if (FAILED(hr))
+        return hr;
+    hr = fileStorage->Commit(STGC_DEFAULT);
+    if (SUCCEEDED(hr)) {
+        KV_DEBUG(logger) << "fileStorage->Commit OK";
+    } else {
+        KV_WARN(logger) << "fileStorage->Commit failed, hr=" << hr;
+    }
+    return hr;
+}
+
+HRESULT MailItem::saveAsMsg(const std::wstring& destFileName)
+{
+    if (!storage_) {
+        KV_DEBUG(logger) << "decrypted mail already saved.";
+        return S_OK;
+    }
+    RETURN_IF_FAILED(copyStorageToFile(destFileName.empty() ? fileName_ : destFileName));
+    releaseMessage();
+    setFileTimeToReceivedAt();
+    return S_OK;
+}
+
+HRESULT MailItem::saveAsEml(const std::wstring& msgFileName)
+{
+    const int format = settings_.getSaveWithRedemptionFormat();
+    HRESULT hr = E_FAIL;
+    if (format >= 0)
+        hr = saveAsEmlWithRedemption(msgFileName, format);
+    if (format < 0 || hr != S_OK)
+        hr = saveAsEmlWithOutlook(msgFileName);
+    return hr;
+}
+
+HRESULT MailItem::saveAsEmlWithRedemption(const std::wstring& msgFileName, int format)
+{
+    auto session = settings_.decryptMail().newRedemptionSession();
+    if (!session)
+        return E_FAIL;
+    HRESULT hr = settings_.decryptMail().attachOutlookSession(session.Get(), outlookApplication().Get());
+    if (FAILED(hr))
+        return hr;
+
+    // Redemption reads .msg files; the mail goes through one beside the target.
+    std::wstring msgFile = msgFileName;
+    const bool temporaryMsg = msgFile.empty();
+    if (temporaryMsg) {
+        if (!storage_)
+            return E_UNEXPECTED;
+        msgFile = fileName_ + L".msg";
+        RETURN_IF_FAILED(copyStorageToFile(msgFile));
+    }
+
+    UniqueVariant path(msgFile);
+    auto mail = callForObject(session.Get(), L"GetMessageFromMsgFile", {path.get()}, hr);
+    KV_DEBUG(logger) << "GetMessageFromMsgFile, hr=" << hr;
+    if (mail) {
+        UniqueVariant target(fileName_);
+        UniqueVariant type(static_cast<LONG>(format));
+        hr = invokeByName(mail.Get(), L"SaveAs", DISPATCH_METHOD, {target.get(), type.get()}, nullptr);
+        KV_DEBUG(logger) << "SaveAs " << fileName_ << ", ret=" << hr;
+    }
+    mail.Reset();
+    if (temporaryMsg)
+        DeleteFileW(msgFile.c_str());
+    return hr;
+}
+
+Microsoft::WRL::ComPtr<IConverterSession> MailItem::createConverter()
+{
+    Microsoft::WRL::ComPtr<IUnknown> unknown;
+    Microsoft::WRL::ComPtr<IConverterSession> converter;
+    HRESULT hr = CoCreateInstance(CLSID_KvConverterSession, nullptr, CLSCTX_ALL, IID_IUnknown,
+                                  reinterpret_cast<void**>(unknown.GetAddressOf()));
+    if (FAILED(hr)) {
+        KV_WARN(logger) << "CoCreateInstance failed for CLSID_IConverterSession, hr=" << hr;
+        return converter;
+    }
+    hr = unknown->QueryInterface(IID_KvConverterSession, reinterpret_cast<void**>(converter.GetAddressOf()));
+    if (FAILED(hr)) {
+        KV_WARN(logger) << "converterUnk->QueryInterface failed, hr=" << hr;
+        converter.Reset();
+    }
+    return converter;
+}
+
+HRESULT MailItem::saveAsEmlWithOutlook(const std::wstring& msgFileName)
+{
+    if (!msgFileName.empty()) {
+        // The decrypted mail: its properties and recipients are the ones that count.
+        Microsoft::WRL::ComPtr<IStorage> decrypted;
+        const HRESULT openResult =
+            StgOpenStorageEx(msgFileName.c_str(), STGM_READ | STGM_SHARE_DENY_WRITE, STGFMT_ANY, 0, nullptr, nullptr,
+                             IID_IStorage, reinterpret_cast<void**>(decrypted.GetAddressOf()));
+        KV_DEBUG(logger) << "StgOpenStorageEx " << msgFileName << " =" << openResult;
+        if (SUCCEEDED(openResult)) {
+            message_.Reset();
+            storage_ = decrypted;
+            readMessage();
+        }
+    }
+
+    HRESULT hr = openMessage();
+    if (FAILED(hr)) {
+        KV_WARN(logger) << "no MAPI message for the MIME converter, hr=" << hr;
+        return hr;
+    }
+    auto converter = createConverter();
+    if (!converter)
+        return REGDB_E_CLASSNOTREG;
+
+    Microsoft::WRL::ComPtr<IStream> fileStream;
+    hr = SHCreateStreamOnFileEx(fileName_.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_WRITE,
+                                FILE_ATTRIBUTE_NORMAL, TRUE, nullptr, &fileStream);
+    if (FAILED(hr)) {
+        KV_ERROR(logger) << "SHCreateStreamOnFileEx failed for fileName=" << fileName_ << ", hr=" << hr;
+        return hr;
+    }
+
+    if (settings_.getExtractMailAddress()) {
+        KV_DEBUG(logger) << "convert to memory.";
+        Microsoft::WRL::ComPtr<IStream> memoryStream;
+        RETURN_IF_FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &memoryStream));
+        hr = converter->MAPIToMIMEStm(message_.Get(), memoryStream.Get(), mimeConversionFlags);
+        KV_DEBUG(logger) << "to mime stream, hr=" << hr;
+        if (SUCCEEDED(hr))
+            hr = replaceEmlHeadersAndWrite(memoryStream.Get(), fileStream.Get());
+    } else {
+        KV_DEBUG(logger) << "convert directly to file.";
+        hr = converter->MAPIToMIMEStm(message_.Get(), fileStream.Get(), mimeConversionFlags);
+    }
+    if (FAILED(hr)) {
+        KV_ERROR(logger) << "converter->MAPIToMIMEStm failed for " << fileName_ << ", hr=" << hr;
+    }
+    return hr;
+}
+
+HRESULT MailItem::replaceEmlHeadersAndWrite(IStream* memoryStream, IStream* fileStream)
+{
+    ensureRead();
+    HGLOBAL memory = nullptr;
+    HRESULT hr = GetHGlobalFromStream(memoryStream, &memory);
+    if (FAILED(hr)) {
+        KV_ERROR(logger) << "GetHGlobalFromStream failed, hr=" << hr;
+        return hr;
+    }
+    // The block may be larger than what the converter wrote; the stream knows.
+    STATSTG stat{};
+    RETURN_IF_FAILED(memoryStream->Stat(&stat, STATFLAG_NONAME));
+    const size_t size = static_cast<size_t>(std::min<ULONGLONG>(stat.cbSize.QuadPart, GlobalSize(memory)));
+
+    std::string headers;
+    size_t bodyOffset = 0;
+    {
+        GlobalLockGuard lock(memory);
+        if (!lock.data())
+            return E_OUTOFMEMORY;
+        const EmlSplit split = splitEmlHeaders(std::string_view(lock.data(), size));
+        if (!split.found) {
+            KV_WARN(logger) << "no end of the header block, the mail is written unchanged";
+            bodyOffset = 0;
+        } else {
+            KV_DEBUG(logger) << "old EML headers -----";
+            KV_DEBUG(logger) << widen(split.headers);
+            KV_DEBUG(logger) << "-----------------";
+            headers = rewriteAddressHeaders(split.headers, properties_.sender, properties_.to, properties_.cc,
+                                            properties_.bcc, settings_.getExtractMailAddress());
+            KV_DEBUG(logger) << "new EML headers -----";
+            KV_DEBUG(logger) << widen(headers);
+            KV_DEBUG(logger) << "-----------------";
+            bodyOffset = split.bodyOffset;
+        }
+    }
+
+    KV_DEBUG(logger) << "write new headers, #bytes=" << headers.size();
+    hr = writeAll(fileStream, headers.data(), headers.size());
+    if (FAILED(hr)) {
+        KV_ERROR(logger) << "Failed to write stream, hr=" << hr;
+        return hr;
+    }
+
+    LARGE_INTEGER bodyPosition{};
+    bodyPosition.QuadPart = static_cast<LONGLONG>(bodyOffset);
+    KV_DEBUG(logger) << "move memoryStream to body pos=" << bodyOffset;
+    RETURN_IF_FAILED(memoryStream->Seek(bodyPosition, STREAM_SEEK_SET, nullptr));
+    ULONGLONG remaining = size - bodyOffset;
+    while (remaining > 0) {
+        ULARGE_INTEGER count{}, read{}, written{};
+        count.QuadPart = remaining;
+        KV_DEBUG(logger) << "write body, #bytes=" << remaining;
+        hr = memoryStream->CopyTo(fileStream, count, &read, &written);
+        KV_DEBUG(logger) << "#written=" << written.QuadPart;
+        if (FAILED(hr) || written.QuadPart == 0) {
+            KV_ERROR(logger) << "Failed to write stream, hr=" << hr;
+            return FAILED(hr) ? hr : STG_E_WRITEFAULT;
+        }
+        remaining -= std::min<ULONGLONG>(remaining, written.QuadPart);
+    }
+    return fileStream->Commit(STGC_DEFAULT);
+}

@@ -1,0 +1,22 @@
+#pragma once
+// A real structured storage seen through a wrapper that misbehaves the way a
+// damaged medium or a hostile storage implementation can: streams that fail
+// half way, deliver a few bytes a call, or report a size they don't have.
+// Everything else is passed to the real storage.
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <climits>
+#include <string>
+
+struct StorageFaults {
+    std::wstring onlyStream;                // the stream name that misbehaves; empty: every stream
+    ULONGLONG failAfterBytes = ULLONG_MAX;  // Read fails once this many bytes were delivered
+    HRESULT readFailure = STG_E_READFAULT;  // what the failing Read returns
+    ULONG maxBytesPerRead = 0;              // each Read delivers at most this much (0: no limit)
+    ULONGLONG statExtraBytes = 0;           // Stat reports this much more than the stream holds
+    HRESULT enumFailure = S_OK;             // EnumElements fails with this unless S_OK
+};
+
+// The wrapper over `real` (and, through OpenStorage, over its children).
+Microsoft::WRL::ComPtr<IStorage> wrapWithFaults(IStorage* real, const StorageFaults& faults);
