@@ -3,7 +3,7 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build build64 build32 test demo clean
+.PHONY: all setup build build64 build32 test bench demo clean
 
 all: build
 
@@ -23,6 +23,11 @@ build: build64
 
 test: build
 	sh scripts/run-tests.sh $(BUILD)/x64
+
+# Timings of the item export against plain copies; see docs/performance.md.
+bench: build
+	WINEPREFIX=$(abspath $(BUILD)/x64/wineprefix) WINEDEBUG=-all WINEDLLOVERRIDES="mapi32=" \
+	    wine $(BUILD)/x64/bin/bench_items.exe
 
 clean:
 	rm -rf $(BUILD)

@@ -2,6 +2,7 @@
 
 #include "addin/log.h"
 #include "common/unique_resource.h"
+#include "items/stream_copy.h"
 
 #include <shlwapi.h>
 
@@ -54,9 +55,9 @@ HRESULT AttachmentItem::save()
         // Copy from the start even if a reader moved Outlook's stream before us.
         rewind(stream_.Get());
         KV_DEBUG(logger) << "strm->CopyTo... size=" << size.QuadPart;
-        ULARGE_INTEGER read{}, written{};
-        hr = stream_->CopyTo(target.Get(), size, &read, &written);
-        KV_DEBUG(logger) << "strm->CopyTo=" << hr;
+        ULONGLONG copied = 0;
+        hr = copyStreamBytes(stream_.Get(), target.Get(), size.QuadPart, copied);
+        KV_DEBUG(logger) << "strm->CopyTo=" << hr << ", #bytes=" << copied;
         if (SUCCEEDED(hr)) {
             KV_DEBUG(logger) << "strm->Commit...";
             hr = target->Commit(STGC_DEFAULT);

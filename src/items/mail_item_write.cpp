@@ -10,6 +10,7 @@
 #include "common/strings.h"
 #include "items/eml_headers.h"
 #include "items/outlook_objects.h"
+#include "items/stream_copy.h"
 
 #include <shlwapi.h>
 
@@ -55,7 +56,7 @@ HRESULT MailItem::copyStorageToFile(const std::wstring& path)
     KV_DEBUG(logger) << "StgCreateDocfile =" << hr << ", " << fileStorage.Get();
     if (FAILED(hr))
         return hr;
-    hr = storage_->CopyTo(0, nullptr, nullptr, fileStorage.Get());
+    hr = copyStorageContents(storage_.Get(), fileStorage.Get());
     KV_DEBUG(logger) << "pStorageSrc->CopyTo=" << hr;
     if (FAILED(hr))
         return hr;

@@ -41,6 +41,11 @@ public:
     static constexpr int maxPasses = 100;
     static constexpr int maxHeaderLines = 100;
 
+    // The known boundaries point into the part tree, so a decoder stays where it is.
+    MimeMultipart() = default;
+    MimeMultipart(const MimeMultipart&) = delete;
+    MimeMultipart& operator=(const MimeMultipart&) = delete;
+
     // Builds the part tree. True when a Content-Type with a boundary was
     // found, that is when there is something to decode. With `logParts` set
     // the resulting tree is written to the log at debug level.

@@ -4,7 +4,6 @@
 // property types live in their own streams.
 #include <cstddef>
 #include <cstdint>
-#include <cwchar>
 #include <string>
 
 namespace MsgLayout {
@@ -78,17 +77,38 @@ constexpr size_t terminatorSizeOf(uint16_t type)
     return type == 0x001F ? 2 : type == 0x001E ? 1 : 0;
 }
 
+// Eight upper-case hex digits. Written out by hand: names are made for every
+// value of every recipient, and the C library's formatter is slow under Wine.
 inline std::wstring hex8(uint32_t value)
 {
-    wchar_t text[9] = {};
-    std::swprintf(text, 9, L"%08X", static_cast<unsigned>(value));
+    constexpr const wchar_t* digits = L"0123456789ABCDEF";
+    std::wstring text(8, L'0');
+    for (int i = 7; i >= 0; --i, value >>= 4)
+        text[i] = digits[value & 15];
     return text;
 }
+
+// The same name in a fixed buffer, for loops that open one stream per value.
+struct SubstorageName {
+    explicit SubstorageName(uint32_t tag)
+    {
+        constexpr const wchar_t* digits = L"0123456789ABCDEF";
+        constexpr size_t prefixLength = 12; // "__substg1.0_"
+        for (size_t i = 0; i < prefixLength; ++i)
+            text[i] = substoragePrefix[i];
+        for (size_t i = prefixLength + 8; i > prefixLength; --i, tag >>= 4)
+            text[i - 1] = digits[tag & 15];
+        text[prefixLength + 8] = L'\0';
+    }
+    const wchar_t* c_str() const { return text; }
+
+    wchar_t text[21];
+};
 
 // "__substg1.0_0037001F" for PR_SUBJECT_W.
 inline std::wstring substorageStreamName(uint32_t tag)
 {
-    return substoragePrefix + hex8(tag);
+    return SubstorageName(tag).c_str();
 }
 
 // "__recip_version1.0_#00000003" and the like.

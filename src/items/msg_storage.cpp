@@ -103,7 +103,7 @@ HRESULT readStreamedValue(IStorage* storage, const std::wstring& where, uint32_t
                         << " bytes, more than the limit of " << limits.maxValueBytes << ", left out";
         return STG_E_DOCFILETOOLARGE;
     }
-    const std::wstring name = MsgLayout::substorageStreamName(tag);
+    const MsgLayout::SubstorageName name(tag);
     ComPtr<IStream> stream;
     HRESULT hr = storage->OpenStream(name.c_str(), nullptr, childMode, 0, &stream);
     if (FAILED(hr)) {
@@ -112,18 +112,18 @@ HRESULT readStreamedValue(IStorage* storage, const std::wstring& where, uint32_t
             bytes.clear();
             return S_OK;
         }
-        KV_WARN(logger) << "stream " << name << " of " << placeText(where) << " can't be opened, hr=" << hrText(hr)
+        KV_WARN(logger) << "stream " << name.c_str() << " of " << placeText(where) << " can't be opened, hr=" << hrText(hr)
                         << ", value left out";
         return STG_E_DOCFILECORRUPT;
     }
     hr = readBounded(stream.Get(), size, size, bytes);
     if (FAILED(hr)) {
-        KV_WARN(logger) << "reading stream " << name << " of " << placeText(where) << " failed after "
+        KV_WARN(logger) << "reading stream " << name.c_str() << " of " << placeText(where) << " failed after "
                         << bytes.size() << " bytes, hr=" << hrText(hr) << ", value left out";
         return hr;
     }
     if (bytes.size() < minimum) {
-        KV_WARN(logger) << "stream " << name << " of " << placeText(where) << " holds " << bytes.size()
+        KV_WARN(logger) << "stream " << name.c_str() << " of " << placeText(where) << " holds " << bytes.size()
                         << " bytes, its entry says " << size << ", value left out";
         return STG_E_DOCFILECORRUPT;
     }
@@ -131,18 +131,22 @@ HRESULT readStreamedValue(IStorage* storage, const std::wstring& where, uint32_t
     return S_OK;
 }
 
-void skip(std::vector<SkippedValue>& skipped, const std::wstring& where, uint32_t tag, HRESULT hr)
-{
-    skipped.push_back(SkippedValue{where, tag, hr});
-}
+// What one read carries through all its storages.
+struct ReadContext {
+    const StoredReadLimits& limits;
+    std::vector<SkippedValue>& skipped;
+    std::string scratch; // the properties stream being parsed, reused storage by storage
+    std::string header;  // its header
+
+    void skip(const std::wstring& where, uint32_t tag, HRESULT hr) { skipped.push_back(SkippedValue{where, tag, hr}); }
+};
 
 // Reads "__properties_version1.0" of the message (or of one recipient or
 // attachment storage) and the values it points at. A failure means the
 // properties stream itself is unusable; values that can't be read are left
 // out and listed in `skipped`.
-HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::wstring& where,
-                              const StoredReadLimits& limits, StoredProperties& properties,
-                              std::vector<SkippedValue>& skipped, std::string& header)
+HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::wstring& where, ReadContext& context,
+                              StoredProperties& properties)
 {
     ComPtr<IStream> stream;
     HRESULT hr = storage->OpenStream(MsgLayout::propertiesStream, nullptr, childMode, 0, &stream);
@@ -150,7 +154,7 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
         KV_WARN(logger) << "no properties stream in " << placeText(where) << ", hr=" << hrText(hr);
         return hr == STG_E_FILENOTFOUND ? STG_E_FILENOTFOUND : hr;
     }
-    std::string bytes;
+    std::string& bytes = context.scratch;
     // One byte beyond the bound tells an overlong stream from one that just fits.
     hr = readBounded(stream.Get(), maxPropertiesStreamBytes + 1, 4096, bytes);
     if (FAILED(hr)) {
@@ -169,7 +173,7 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
                         << MsgLayout::entrySize;
         return STG_E_DOCFILECORRUPT;
     }
-    header.assign(bytes, 0, headerSize);
+    context.header.assign(bytes, 0, headerSize);
 
     for (size_t at = headerSize; at + MsgLayout::entrySize <= bytes.size(); at += MsgLayout::entrySize) {
         const char* entry = bytes.data() + at;
@@ -194,9 +198,9 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
             break;
         case MsgLayout::ValueKind::Streamed: {
             std::string value;
-            const HRESULT valueHr = readStreamedValue(storage, where, tag, readLe32(entry + 8), limits, value);
+            const HRESULT valueHr = readStreamedValue(storage, where, tag, readLe32(entry + 8), context.limits, value);
             if (FAILED(valueHr))
-                skip(skipped, where, tag, valueHr);
+                context.skip(where, tag, valueHr);
             else
                 properties.emplace(id, StoredProperty{tag, std::move(value)});
             break;
@@ -273,18 +277,16 @@ HRESULT findRowStorages(IStorage* storage, std::vector<RowStorage>& recipients, 
     return S_OK;
 }
 
-void readRows(IStorage* storage, const std::vector<RowStorage>& rows, const wchar_t* kind,
-              const StoredReadLimits& limits, std::vector<StoredProperties>& target,
-              std::vector<SkippedValue>& skipped)
+void readRows(IStorage* storage, const std::vector<RowStorage>& rows, const wchar_t* kind, ReadContext& context,
+              std::vector<StoredProperties>& target)
 {
-    const size_t count = std::min(rows.size(), limits.maxRows);
+    const size_t count = std::min(rows.size(), context.limits.maxRows);
     if (rows.size() > count) {
         KV_WARN(logger) << "the message has " << rows.size() << " " << kind << " storages, only the first " << count
                         << " are read";
-        skip(skipped, rows[count].name, 0, STG_E_DOCFILETOOLARGE);
+        context.skip(rows[count].name, 0, STG_E_DOCFILETOOLARGE);
     }
     target.reserve(count);
-    std::string header;
     for (size_t i = 0; i < count; ++i) {
         const RowStorage& row = rows[i];
         ComPtr<IStorage> child;
@@ -292,15 +294,14 @@ void readRows(IStorage* storage, const std::vector<RowStorage>& rows, const wcha
         if (FAILED(hr)) {
             KV_WARN(logger) << "OpenStorage " << row.name << " failed, hr=" << hrText(hr) << ", " << kind
                             << " left out";
-            skip(skipped, row.name, 0, hr);
+            context.skip(row.name, 0, hr);
             continue;
         }
         StoredProperties properties;
-        hr = readPropertiesStorage(child.Get(), MsgLayout::rowHeaderSize, row.name, limits, properties, skipped,
-                                   header);
+        hr = readPropertiesStorage(child.Get(), MsgLayout::rowHeaderSize, row.name, context, properties);
         if (FAILED(hr)) {
             KV_WARN(logger) << kind << " " << row.name << " left out, hr=" << hrText(hr);
-            skip(skipped, row.name, 0, hr);
+            context.skip(row.name, 0, hr);
             continue;
         }
         target.push_back(std::move(properties));
@@ -328,9 +329,8 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
         return E_POINTER;
     }
 
-    std::string header;
-    HRESULT hr = readPropertiesStorage(storage, MsgLayout::messageHeaderSize, L"", limits, message.properties,
-                                       message.skipped, header);
+    ReadContext context{limits, message.skipped, {}, {}};
+    HRESULT hr = readPropertiesStorage(storage, MsgLayout::messageHeaderSize, L"", context, message.properties);
     if (FAILED(hr)) {
         KV_WARN(logger) << ")readStoredMessage=" << hrText(hr)
                         << (hr == STG_E_FILENOTFOUND ? ", not a message storage" : ", the message's properties can't be read");
@@ -344,10 +344,10 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
         KV_WARN(logger) << ")readStoredMessage=" << hrText(hr) << ", recipients and attachments can't be found";
         return hr;
     }
-    checkHeaderCount(header, MsgLayout::recipientCountOffset, recipientRows.size(), L"recipient");
-    checkHeaderCount(header, MsgLayout::attachmentCountOffset, attachmentRows.size(), L"attachment");
-    readRows(storage, recipientRows, L"recipient", limits, message.recipients, message.skipped);
-    readRows(storage, attachmentRows, L"attachment", limits, message.attachments, message.skipped);
+    checkHeaderCount(context.header, MsgLayout::recipientCountOffset, recipientRows.size(), L"recipient");
+    checkHeaderCount(context.header, MsgLayout::attachmentCountOffset, attachmentRows.size(), L"attachment");
+    readRows(storage, recipientRows, L"recipient", context, message.recipients);
+    readRows(storage, attachmentRows, L"attachment", context, message.attachments);
 
     hr = message.skipped.empty() ? S_OK : S_FALSE;
     KV_DEBUG(logger) << ")readStoredMessage=" << hrText(hr) << ", properties=" << message.properties.size()

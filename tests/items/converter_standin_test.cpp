@@ -1,6 +1,7 @@
 // The MIME converter stand-in, reached the way the add-in reaches Outlook's
 // converter: a real CoCreateInstance of CLSID_KvConverterSession, then
 // MAPIToMIMEStm on a message that is read only through IMessage calls.
+#include "support/com_object.h"
 #include "support/converter_standin.h"
 #include "support/msg_builder.h"
 
@@ -51,33 +52,6 @@ struct UnsupportedTable : IMAPITable {
 #undef KV_NOT_SUPPORTED
 #pragma GCC diagnostic pop
 
-template <typename Interface>
-class Counted : public Interface {
-public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        *object = riid == IID_IUnknown ? this : nullptr;
-        if (!*object)
-            return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG remaining = InterlockedDecrement(&references_);
-        if (remaining == 0)
-            delete this;
-        return remaining;
-    }
-    virtual ~Counted() = default;
-
-private:
-    LONG references_ = 1;
-};
-
 struct Recipient {
     LONG type;
     std::wstring name, address;
@@ -93,7 +67,7 @@ wchar_t* placeText(wchar_t*& tail, const std::wstring& text)
     return start;
 }
 
-class RecipientTable final : public Counted<UnsupportedTable> {
+class RecipientTable final : public ComObject<UnsupportedTable> {
 public:
     explicit RecipientTable(std::vector<Recipient> rows) : rows_(std::move(rows)) {}
 
@@ -130,7 +104,7 @@ private:
     std::size_t next_ = 0;
 };
 
-class MinimalMessage final : public Counted<UnsupportedMessage> {
+class MinimalMessage final : public ComObject<UnsupportedMessage> {
 public:
     std::map<ULONG, std::wstring> texts;  // string properties by PT_UNICODE tag
     FILETIME submitTime{};

@@ -194,32 +194,11 @@ HRESULT writeAll(IStream* stream, const char* data, std::size_t size)
     return S_OK;
 }
 
-class ConverterFactory final : public IClassFactory {
+class ConverterFactory final : public ComObject<IClassFactory> {
 public:
     ConverterFactory(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
         : freeBuffer_(freeBuffer), activity_(std::move(activity))
     {
-    }
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IClassFactory) {
-            *object = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG remaining = InterlockedDecrement(&references_);
-        if (remaining == 0)
-            delete this;
-        return remaining;
     }
 
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** object) override
@@ -239,7 +218,8 @@ public:
     HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 
 private:
-    LONG references_ = 1;
+    bool offers(REFIID riid) const override { return riid == IID_IClassFactory; }
+
     LPFREEBUFFER freeBuffer_;
     std::shared_ptr<ConverterActivity> activity_;
 };
@@ -258,28 +238,10 @@ ConverterStandIn::ConverterStandIn(LPFREEBUFFER freeBuffer, std::shared_ptr<Conv
 {
 }
 
-HRESULT STDMETHODCALLTYPE ConverterStandIn::QueryInterface(REFIID riid, void** object)
+bool ConverterStandIn::offers(REFIID riid) const
 {
-    if (!object)
-        return E_POINTER;
-    const bool offersConverter = activity_->creationFailure != ConverterCreationFailure::NoConverterInterface;
-    if (riid == IID_IUnknown || (riid == IID_KvConverterSession && offersConverter)) {
-        *object = static_cast<IConverterSession*>(this);
-        AddRef();
-        return S_OK;
-    }
-    *object = nullptr;
-    return E_NOINTERFACE;
-}
-
-ULONG STDMETHODCALLTYPE ConverterStandIn::AddRef() { return InterlockedIncrement(&references_); }
-
-ULONG STDMETHODCALLTYPE ConverterStandIn::Release()
-{
-    const LONG remaining = InterlockedDecrement(&references_);
-    if (remaining == 0)
-        delete this;
-    return remaining;
+    return riid == IID_KvConverterSession &&
+           activity_->creationFailure != ConverterCreationFailure::NoConverterInterface;
 }
 
 HRESULT STDMETHODCALLTYPE ConverterStandIn::SetAdrBook(LPADRBOOK) { return S_OK; }

@@ -5,6 +5,7 @@
 // mail (see converter_mime.h). ConverterRegistration makes the class known
 // to COM for as long as it lives, so the add-in's own CoCreateInstance finds it.
 #include "items/converter_session.h"
+#include "support/com_object.h"
 
 #include <windows.h>
 #include <mapidefs.h>
@@ -32,7 +33,7 @@ struct ConverterActivity {
     std::string lastMime;                // the whole text of the last conversion, as composed
 };
 
-class ConverterStandIn final : public IConverterSession {
+class ConverterStandIn final : public ComObject<IConverterSession> {
 public:
     // `freeBuffer` frees what the message hands out (MAPIFreeBuffer of the
     // MAPI the message was opened with).
@@ -41,11 +42,6 @@ public:
 
     const ConverterActivity& activity() const { return *activity_; }
     ConverterActivity& activity() { return *activity_; }
-
-    // IUnknown
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override;
-    ULONG STDMETHODCALLTYPE AddRef() override;
-    ULONG STDMETHODCALLTYPE Release() override;
 
     // IConverterSession
     HRESULT STDMETHODCALLTYPE SetAdrBook(LPADRBOOK addressBook) override;
@@ -64,9 +60,10 @@ public:
 
 private:
     ConverterStandIn(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity);
-    ~ConverterStandIn() = default;
+    ~ConverterStandIn() override = default;
+    // Refused only when the test asks for NoConverterInterface.
+    bool offers(REFIID riid) const override;
 
-    LONG references_ = 1;
     LPFREEBUFFER freeBuffer_;
     std::shared_ptr<ConverterActivity> activity_;
 };

@@ -273,29 +273,6 @@ void DispatchStandIn::clearCalls()
     namesLookedUp_.clear();
 }
 
-HRESULT STDMETHODCALLTYPE DispatchStandIn::QueryInterface(REFIID riid, void** object)
-{
-    if (!object)
-        return E_POINTER;
-    if (riid == IID_IUnknown || riid == IID_IDispatch) {
-        *object = static_cast<IDispatch*>(this);
-        AddRef();
-        return S_OK;
-    }
-    *object = nullptr;
-    return E_NOINTERFACE;
-}
-
-ULONG STDMETHODCALLTYPE DispatchStandIn::AddRef() { return InterlockedIncrement(&references_); }
-
-ULONG STDMETHODCALLTYPE DispatchStandIn::Release()
-{
-    const LONG remaining = InterlockedDecrement(&references_);
-    if (remaining == 0)
-        delete this;
-    return remaining;
-}
-
 HRESULT STDMETHODCALLTYPE DispatchStandIn::GetTypeInfoCount(UINT* count)
 {
     if (!count)

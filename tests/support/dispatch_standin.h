@@ -4,6 +4,8 @@
 // that a test can play an automation server (Outlook's object model, a
 // Redemption session) and afterwards check what the code under test asked for
 // and what it left alone.
+#include "support/com_object.h"
+
 #include <windows.h>
 #include <oaidl.h>
 #include <oleauto.h>
@@ -69,7 +71,7 @@ struct DispatchCall {
     HRESULT result = S_OK;           // what the handler answered (before any DISP_E_EXCEPTION wrapping)
 };
 
-class DispatchStandIn final : public IDispatch {
+class DispatchStandIn final : public ComObject<IDispatch> {
 public:
     using Getter = std::function<OwnedVariant()>;
     // Arguments in natural order (the first argument of the call first).
@@ -101,11 +103,6 @@ public:
     const std::vector<std::wstring>& namesLookedUp() const { return namesLookedUp_; }
     void clearCalls();
 
-    // IUnknown
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override;
-    ULONG STDMETHODCALLTYPE AddRef() override;
-    ULONG STDMETHODCALLTYPE Release() override;
-
     // IDispatch
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID locale, ITypeInfo** typeInfo) override;
@@ -125,14 +122,14 @@ private:
     };
 
     explicit DispatchStandIn(std::wstring typeName);
-    ~DispatchStandIn() = default;
+    ~DispatchStandIn() override = default;
+    bool offers(REFIID riid) const override { return riid == IID_IDispatch; }
     Member& define(const std::wstring& name, Kind kind);
     Member* find(const std::wstring& name);
     const Member* find(const std::wstring& name) const;
     HRESULT dispatch(Member& member, WORD flags, const std::vector<VARIANT>& args, const VARIANT* assigned,
                      VARIANT* result);
 
-    LONG references_ = 1;
     std::wstring typeName_;
     std::vector<Member> members_;  // a member's DISPID is its index + 1
     std::vector<DispatchCall> calls_;

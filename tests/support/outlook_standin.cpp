@@ -25,32 +25,7 @@ HRESULT expectArgumentCount(const std::vector<VARIANT>& args, std::size_t least,
 
 // Stands for the MAPI session behind Outlook's namespace: an object with an
 // identity and nothing else, so a test can see where it was handed on.
-class MapiSessionToken final : public IUnknown {
-public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        if (riid == IID_IUnknown) {
-            *object = static_cast<IUnknown*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG remaining = InterlockedDecrement(&references_);
-        if (remaining == 0)
-            delete this;
-        return remaining;
-    }
-
-private:
-    LONG references_ = 1;
-};
+class MapiSessionToken final : public ComObject<IUnknown> {};
 
 const wchar_t* folderName(LONG folderType)
 {

@@ -1,0 +1,150 @@
+// Measures how fast dragged items become files, against plain copies of the
+// same bytes made in the same run, and prints a table:
+//   bench_items [folder]
+// Run it under Wine with mapi32 switched off (WINEDLLOVERRIDES=mapi32=), as
+// `make bench` does, so mails are read from their storage.
+#include "addin/globals.h"
+#include "addin/log.h"
+#include "common/unique_resource.h"
+#include "items/attachment_item.h"
+#include "items/mail_item.h"
+#include "items/mail_properties.h"
+#include "support/msg_builder.h"
+
+#include <shlwapi.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Microsoft::WRL::ComPtr;
+using Clock = std::chrono::steady_clock;
+
+constexpr int rounds = 5;
+
+double millisecondsOf(const std::function<void()>& work)
+{
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// The median of several runs, so one slow disk flush doesn't decide.
+double medianOf(const std::function<void()>& work)
+{
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i)
+        times.push_back(millisecondsOf(work));
+    std::sort(times.begin(), times.end());
+    return times[times.size() / 2];
+}
+
+bool writeFileOfSize(const std::wstring& path, ULONGLONG size)
+{
+    UniqueFile file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    if (!file)
+        return false;
+    std::string block(1024 * 1024, '\0');
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<char>(i * 131 + 17);
+    for (ULONGLONG done = 0; done < size; done += block.size()) {
+        DWORD written = 0;
+        if (!WriteFile(file.get(), block.data(), static_cast<DWORD>(block.size()), &written, nullptr))
+            return false;
+    }
+    return true;
+}
+
+void row(const char* what, double korvane, double reference, const char* target)
+{
+    std::printf("| %-52s | %9.1f ms | %9.1f ms | %5.2f | %-8s |\n", what, korvane, reference, korvane / reference,
+                target);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    OleInitialize(nullptr);
+    wchar_t temp[MAX_PATH + 1] = {};
+    GetTempPathW(MAX_PATH, temp);
+    std::wstring folder = std::wstring(temp) + L"korvane-bench";
+    if (argc > 1) {
+        const std::string given = argv[1];
+        folder.assign(given.begin(), given.end());
+    }
+    CreateDirectoryW(folder.c_str(), nullptr);
+    Globals settings(L"KorvaneBench", L"Bench");
+
+    std::printf("| %-52s | %12s | %12s | %5s | %-8s |\n", "operation", "Korvane", "reference", "ratio", "target");
+    std::printf("|%s|%s|%s|%s|%s|\n", std::string(54, '-').c_str(), std::string(14, '-').c_str(),
+                std::string(14, '-').c_str(), std::string(7, '-').c_str(), std::string(10, '-').c_str());
+
+    // An attachment of 100 MiB, from a file stream as Outlook hands large ones over.
+    const std::wstring source = folder + L"\\attachment.bin";
+    writeFileOfSize(source, 100ULL * 1024 * 1024);
+    const double attachment = medianOf([&] {
+        ComPtr<IStream> stream;
+        SHCreateStreamOnFileEx(source.c_str(), STGM_READ | STGM_SHARE_DENY_WRITE, 0, FALSE, nullptr, &stream);
+        AttachmentItem item(folder + L"\\attachment-saved.bin", stream.Get());
+        item.save();
+    });
+    const double attachmentCopy = medianOf([&] {
+        CopyFileW(source.c_str(), (folder + L"\\attachment-copied.bin").c_str(), FALSE);
+    });
+    row("save a 100 MiB attachment vs CopyFileW", attachment, attachmentCopy, "<= 1.3");
+
+    // A mail holding a 20 MiB attachment, as a storage in memory like Outlook's.
+    MsgContent mail;
+    mail.subject = L"Quarterly figures";
+    mail.deliveryTime = utcFileTime(2024, 3, 5, 7, 8, 9);
+    mail.senderName = L"Anna";
+    mail.senderAddress = L"anna@example.org";
+    mail.senderAddrType = L"SMTP";
+    mail.recipients = {{1, L"Bob", L"bob@example.org", L"SMTP", ""}};
+    mail.attachments = {{L"figures.bin", std::string(20 * 1024 * 1024, 'f'), L"application/octet-stream"}};
+    auto storage = makeMsgInMemory(mail);
+    const std::wstring msgReference = folder + L"\\reference.msg";
+    writeMsgFile(msgReference, mail);
+    const double msg = medianOf([&] {
+        MailItem item(folder + L"\\mail-saved.msg", storage.Get(), settings);
+        item.save();
+    });
+    const double msgCopy = medianOf([&] {
+        CopyFileW(msgReference.c_str(), (folder + L"\\mail-copied.msg").c_str(), FALSE);
+    });
+    row("save a .msg with a 20 MiB attachment vs CopyFileW", msg, msgCopy, "<= 2");
+
+    // Reading the properties and 1,000 recipients straight from the storage.
+    MsgContent crowded = mail;
+    crowded.attachments.clear();
+    crowded.recipients.clear();
+    for (int i = 0; i < 1000; ++i) {
+        const std::wstring n = std::to_wstring(i);
+        crowded.recipients.push_back({static_cast<ULONG>(1 + i % 3), L"Recipient " + n,
+                                      L"recipient" + n + L"@example.org", L"SMTP", "\x01\x02\x03\x04"});
+    }
+    auto crowdedStorage = makeMsgInMemory(crowded);
+    size_t recipients = 0;
+    const double read = medianOf([&] {
+        MailProperties properties;
+        readPropertiesFromStorage(crowdedStorage.Get(), properties);
+        recipients = properties.to.size() + properties.cc.size() + properties.bcc.size();
+    });
+    std::printf("| %-52s | %9.1f ms | %12s | %5s | %-8s |\n", "read properties and 1,000 recipients (storage)", read,
+                "-", "-", "< 50 ms");
+    std::printf("\n%zu recipients read; median of %d runs each\n", recipients, rounds);
+
+    for (const wchar_t* name : {L"attachment.bin", L"attachment-saved.bin", L"attachment-copied.bin",
+                                L"mail-saved.msg", L"mail-copied.msg", L"reference.msg"})
+        DeleteFileW((folder + L"\\" + name).c_str());
+    RemoveDirectoryW(folder.c_str());
+    RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\KorvaneBench");
+    OleUninitialize();
+    return 0;
+}
