@@ -3,6 +3,7 @@
 #include "addin/log.h"
 #include "items/ascii_text.h"
 
+#include <string_view>
 #include <utility>
 
 namespace {

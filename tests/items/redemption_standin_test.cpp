@@ -4,6 +4,7 @@
 #include "standins/redemption/redemption_standin.h"
 
 #include "common/com_variant.h"
+#include "common/strings.h"
 #include "common/unique_resource.h"
 #include "install/base64.h"
 #include "items/msg_storage.h"
@@ -213,7 +214,7 @@ TEST_F(RedemptionStandIn, DecryptedMailSavedAsMsgReadsAsAPlainNote)
     EXPECT_EQ(messageClassOfFile(decryptedFile), L"IPM.Note");
     EXPECT_EQ(messageClassOfFile(encryptedFile), L"IPM.Note.SMIME");
     // Once the objects are gone the add-in deletes the encrypted file.
-    EXPECT_TRUE(DeleteFileW(encryptedFile.c_str()));
+    EXPECT_TRUE(DeleteFileW(encryptedFile.c_str())) << GetLastError();
 }
 
 TEST_F(RedemptionStandIn, MailNotDecryptedIsSavedAsItIs)

@@ -310,7 +310,7 @@ HRESULT STDMETHODCALLTYPE DispatchStandIn::GetIDsOfNames(REFIID riid, LPOLESTR* 
 }
 
 HRESULT STDMETHODCALLTYPE DispatchStandIn::Invoke(DISPID id, REFIID riid, LCID, WORD flags, DISPPARAMS* params,
-                                                  VARIANT* result, EXCEPINFO* exception, UINT* argumentError)
+                                                  VARIANT* result, EXCEPINFO* exception, UINT*)
 {
     if (riid != IID_NULL)
         return DISP_E_UNKNOWNINTERFACE;
@@ -363,11 +363,8 @@ HRESULT STDMETHODCALLTYPE DispatchStandIn::Invoke(DISPID id, REFIID riid, LCID, 
     call.result = hr;
     calls_.push_back(std::move(call));
 
-    if (SUCCEEDED(hr) || HRESULT_FACILITY(hr) == FACILITY_DISPATCH) {
-        if (FAILED(hr) && argumentError)
-            *argumentError = 0;
+    if (SUCCEEDED(hr) || HRESULT_FACILITY(hr) == FACILITY_DISPATCH)
         return hr;
-    }
     if (result)
         VariantClear(result);
     if (exception) {

@@ -110,7 +110,10 @@ private:
 
 class FaultyStorage final : public RefCounted<IStorage> {
 public:
-    FaultyStorage(ComPtr<IStorage> real, const StorageFaults& faults) : real_(std::move(real)), faults_(faults) {}
+    FaultyStorage(ComPtr<IStorage> real, const StorageFaults& faults, bool active)
+        : real_(std::move(real)), faults_(faults), active_(active)
+    {
+    }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
     {
@@ -132,7 +135,7 @@ public:
         const HRESULT hr = real_->OpenStream(name, reserved1, mode, reserved2, &real);
         if (FAILED(hr))
             return hr;
-        if (!faults_.onlyStream.empty() && (!name || faults_.onlyStream != name)) {
+        if (!active_ || (!faults_.onlyStream.empty() && (!name || faults_.onlyStream != name))) {
             *stream = real.Detach();
             return hr;
         }
@@ -154,7 +157,8 @@ public:
         const HRESULT hr = real_->OpenStorage(name, priority, mode, exclude, reserved, &real);
         if (FAILED(hr))
             return hr;
-        *storage = new FaultyStorage(real, faults_);
+        const bool active = faults_.onlyInside.empty() || (name && faults_.onlyInside == name);
+        *storage = new FaultyStorage(real, faults_, active);
         return hr;
     }
     HRESULT STDMETHODCALLTYPE CopyTo(DWORD excludeCount, const IID* excludeIids, SNB excludeNames,
@@ -196,6 +200,7 @@ public:
 private:
     ComPtr<IStorage> real_;
     StorageFaults faults_;
+    bool active_; // whether this storage's streams misbehave
 };
 
 } // namespace
@@ -205,6 +210,6 @@ ComPtr<IStorage> wrapWithFaults(IStorage* real, const StorageFaults& faults)
     if (!real)
         return nullptr;
     ComPtr<IStorage> wrapper;
-    wrapper.Attach(new FaultyStorage(real, faults));
+    wrapper.Attach(new FaultyStorage(real, faults, faults.onlyInside.empty()));
     return wrapper;
 }

@@ -10,6 +10,7 @@
 #include <string>
 
 struct StorageFaults {
+    std::wstring onlyInside;                // the child storage whose streams misbehave; empty: all of them
     std::wstring onlyStream;                // the stream name that misbehaves; empty: every stream
     ULONGLONG failAfterBytes = ULLONG_MAX;  // Read fails once this many bytes were delivered
     HRESULT readFailure = STG_E_READFAULT;  // what the failing Read returns

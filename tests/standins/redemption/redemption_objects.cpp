@@ -41,6 +41,19 @@ struct OpenedMail {
     StoredMessage message;
 };
 
+// DispatchStandIn::create hands its object over with ComPtr::Attach, which in
+// MinGW's WRL adds a reference of its own (Microsoft's does not). A mail
+// object holds its .msg file open, so a surplus reference would keep the file
+// locked after the caller let go; it is taken back here.
+ComPtr<DispatchStandIn> newObject(const wchar_t* typeName)
+{
+    ComPtr<DispatchStandIn> object = DispatchStandIn::create(typeName);
+    object->AddRef();
+    if (object->Release() > 1)
+        object->Release();
+    return object;
+}
+
 std::wstring textOf(const StoredMessage& message, uint16_t id)
 {
     const StoredProperty* property = findStoredProperty(message.properties, id);
@@ -92,7 +105,7 @@ HRESULT saveMail(const OpenedMail& mail, bool decrypted, const std::vector<VARIA
 
 ComPtr<IDispatch> createMail(std::shared_ptr<const OpenedMail> mail, bool decrypted)
 {
-    ComPtr<DispatchStandIn> object = DispatchStandIn::create(decrypted ? L"RDOMail (decrypted)" : L"RDOMail");
+    ComPtr<DispatchStandIn> object = newObject(decrypted ? L"RDOMail (decrypted)" : L"RDOMail");
     object->property(L"Subject", [mail] { return variant(textOf(mail->message, idSubject)); });
     object->property(L"Body", [mail] { return variant(textOf(mail->message, idBody)); });
     object->property(L"MessageClass", [mail, decrypted] { return variant(classOf(*mail, decrypted)); });
@@ -138,7 +151,7 @@ HRESULT openMailFile(const std::vector<VARIANT>& args, VARIANT* result)
 
 ComPtr<IDispatch> createRedemptionSession()
 {
-    ComPtr<DispatchStandIn> session = DispatchStandIn::create(L"RDOSession");
+    ComPtr<DispatchStandIn> session = newObject(L"RDOSession");
     session->settable(L"MAPIOBJECT");
     session->method(L"GetMessageFromMsgFile", openMailFile);
     return session;

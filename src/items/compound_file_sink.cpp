@@ -1,0 +1,152 @@
+#include "items/compound_file_sink.h"
+
+#include "common/hresult.h"
+#include "items/compound_file_format.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace {
+
+constexpr size_t bufferBytes = size_t(1) << 20;
+// WriteFile takes a DWORD; stay well below it.
+constexpr size_t largestWrite = size_t(1) << 30;
+
+std::atomic<unsigned> temporaryCounter{0};
+
+HRESULT lastError()
+{
+    const DWORD error = GetLastError();
+    return error ? HRESULT_FROM_WIN32(error) : E_FAIL;
+}
+
+} // namespace
+
+SectorSink::SectorSink(uint64_t maxFileBytes) : maxFileBytes_(maxFileBytes) {}
+
+HRESULT SectorSink::createBeside(const std::wstring& target, std::wstring& created)
+{
+    created.clear();
+    buffer_.reset(new (std::nothrow) uint8_t[bufferBytes]);
+    if (!buffer_)
+        return E_OUTOFMEMORY;
+    // A name of our own beside the target: another save of the same target
+    // (or a crashed one) must not collide with this one.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::wstring name = target + L"." + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                                  std::to_wstring(++temporaryCounter) + L".tmp";
+        file_.reset(CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (file_) {
+            created = name;
+            // The header's place; it is filled in by finish().
+            std::memset(buffer_.get(), 0, cfb::sectorBytes);
+            used_ = cfb::sectorBytes;
+            return S_OK;
+        }
+        if (GetLastError() != ERROR_FILE_EXISTS && GetLastError() != ERROR_ALREADY_EXISTS)
+            return lastError();
+    }
+    return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+}
+
+bool SectorSink::fits(uint64_t sectors) const
+{
+    // Sector numbers above 0xFFFFFFFA are the FAT's markers.
+    const uint64_t total = uint64_t(sectors_) + sectors;
+    return total <= 0xFFFFFFFAull && (total + 1) * cfb::sectorBytes <= maxFileBytes_;
+}
+
+HRESULT SectorSink::append(const void* data, size_t bytes, uint32_t& first)
+{
+    first = cfb::endOfChain;
+    if (bytes == 0)
+        return S_OK;
+    const uint64_t count = (uint64_t(bytes) + cfb::sectorBytes - 1) / cfb::sectorBytes;
+    if (!fits(count))
+        return HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE);
+    RETURN_IF_FAILED(put(data, bytes));
+    static const uint8_t zeros[cfb::sectorBytes] = {};
+    const size_t padding = static_cast<size_t>(count * cfb::sectorBytes - bytes);
+    RETURN_IF_FAILED(put(zeros, padding));
+    first = sectors_;
+    sectors_ += static_cast<uint32_t>(count);
+    return S_OK;
+}
+
+void SectorSink::ensureFat(uint64_t sectors)
+{
+    if (fat_.size() < sectors)
+        fat_.resize(static_cast<size_t>(sectors), cfb::freeSector);
+}
+
+void SectorSink::chain(uint32_t first, uint32_t count)
+{
+    if (count == 0)
+        return;
+    ensureFat(uint64_t(first) + count);
+    for (uint32_t i = 0; i + 1 < count; ++i)
+        fat_[first + i] = first + i + 1;
+    fat_[first + count - 1] = cfb::endOfChain;
+}
+
+void SectorSink::link(uint32_t from, uint32_t to)
+{
+    ensureFat(uint64_t(from) + 1);
+    fat_[from] = to;
+}
+
+void SectorSink::mark(uint32_t sector, uint32_t value)
+{
+    ensureFat(uint64_t(sector) + 1);
+    fat_[sector] = value;
+}
+
+HRESULT SectorSink::put(const void* data, size_t bytes)
+{
+    if (!file_)
+        return E_UNEXPECTED;
+    if (used_ + bytes > bufferBytes)
+        RETURN_IF_FAILED(flush());
+    if (bytes >= bufferBytes)
+        return writeAll(data, bytes);
+    std::memcpy(buffer_.get() + used_, data, bytes);
+    used_ += bytes;
+    return S_OK;
+}
+
+HRESULT SectorSink::flush()
+{
+    const size_t pending = std::exchange(used_, 0);
+    return writeAll(buffer_.get(), pending);
+}
+
+HRESULT SectorSink::writeAll(const void* data, size_t bytes)
+{
+    const auto* from = static_cast<const uint8_t*>(data);
+    while (bytes > 0) {
+        const DWORD piece = static_cast<DWORD>(std::min(bytes, largestWrite));
+        DWORD written = 0;
+        if (!WriteFile(file_.get(), from, piece, &written, nullptr))
+            return lastError();
+        if (written == 0)
+            return STG_E_WRITEFAULT;
+        from += written;
+        bytes -= written;
+    }
+    return S_OK;
+}
+
+HRESULT SectorSink::finish(const uint8_t* header)
+{
+    RETURN_IF_FAILED(flush());
+    LARGE_INTEGER start{};
+    if (!SetFilePointerEx(file_.get(), start, nullptr, FILE_BEGIN))
+        return lastError();
+    RETURN_IF_FAILED(writeAll(header, cfb::sectorBytes));
+    if (!CloseHandle(file_.release()))
+        return lastError();
+    return S_OK;
+}

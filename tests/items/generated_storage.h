@@ -1,0 +1,27 @@
+#pragma once
+// A storage that makes its elements up as they are enumerated, for trees no
+// real storage could hold in a test's time and memory: a hundred thousand
+// streams, storages nested without end, streams of gigabytes, and streams
+// whose Read claims more bytes than it delivered.
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <functional>
+#include <string>
+
+struct GeneratedElement {
+    std::wstring name;
+    bool storage = false;   // a storage opens as another storage generated from the same spec
+    ULONGLONG bytes = 0;    // a stream's size; its bytes are generatedByte(0), generatedByte(1), ...
+};
+
+struct GeneratedStorageSpec {
+    ULONGLONG count = 0;                                   // elements of every storage
+    std::function<GeneratedElement(ULONGLONG index)> element;
+    ULONG readOverclaim = 0;                               // each Read reports this many bytes more than it wrote
+};
+
+Microsoft::WRL::ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageSpec& spec);
+
+// Byte `offset` of every generated stream.
+char generatedByte(ULONGLONG offset);
