@@ -717,10 +717,11 @@ TEST(MsgStorageHostile, RandomPropertiesStreamsNeverYieldMoreThanTheirEntriesSay
         for (const auto& [id, property] : message.properties) {
             ASSERT_TRUE(claimed.count(property.tag));
             const uint16_t type = propertyTypeOf(property.tag);
-            if (MsgLayout::valueKindOf(type) == MsgLayout::ValueKind::Streamed)
+            if (MsgLayout::valueKindOf(type) == MsgLayout::ValueKind::Streamed) {
                 EXPECT_LE(property.bytes.size(), claimed[property.tag]);
-            else if (MsgLayout::valueKindOf(type) == MsgLayout::ValueKind::Fixed)
+            } else if (MsgLayout::valueKindOf(type) == MsgLayout::ValueKind::Fixed) {
                 EXPECT_EQ(property.bytes.size(), 8u);
+            }
         }
     }
 }

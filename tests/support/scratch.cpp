@@ -143,7 +143,10 @@ std::string LogCapture::contents() const
 AddinCopy::AddinCopy(const ScratchFolder& folder)
 {
     const std::wstring copy = folder.file(L"addin-copy.dll");
-    if (!CopyFileW((testProgramFolder() + L"\\" + KORVANE_DLL_FILE).c_str(), copy.c_str(), FALSE)) {
+    // Test programs live beside the DLL, or one folder below it.
+    const std::wstring beside = testProgramFolder() + L"\\" + KORVANE_DLL_FILE;
+    const std::wstring above = testProgramFolder() + L"\\..\\" + KORVANE_DLL_FILE;
+    if (!CopyFileW(beside.c_str(), copy.c_str(), FALSE) && !CopyFileW(above.c_str(), copy.c_str(), FALSE)) {
         ADD_FAILURE() << "cannot copy the add-in DLL";
         return;
     }

@@ -88,11 +88,6 @@ extern "C" ULONG WINAPI MAPIFreeBuffer(LPVOID buffer)
     return S_OK;
 }
 
-MapiAllocators standInAllocators()
-{
-    return MapiAllocators{&MAPIAllocateBuffer, &MAPIAllocateMore, &MAPIFreeBuffer};
-}
-
 ULONG liveAllocationCount()
 {
     std::lock_guard<std::mutex> guard(allocationLock);

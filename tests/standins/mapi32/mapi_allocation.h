@@ -14,8 +14,5 @@ struct MapiAllocators {
     LPFREEBUFFER freeBuffer = nullptr;
 };
 
-// This DLL's own MAPIAllocateBuffer/More/FreeBuffer.
-MapiAllocators standInAllocators();
-
 // Blocks allocated and not yet freed, parents and "more" blocks alike.
 ULONG liveAllocationCount();

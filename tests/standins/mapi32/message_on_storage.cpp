@@ -1,6 +1,6 @@
 #include "message_on_storage.h"
 
-#include "mapi_iids.h"
+#include "mapi_com.h"
 #include "properties_stream.h"
 #include "property_values.h"
 #include "recipient_table.h"
@@ -24,13 +24,6 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 const Logger logger("MapiStandIn");
-
-template <typename T>
-void clearOut(T* out)
-{
-    if (out)
-        *out = T{};
-}
 
 class MessageOnStorage final : public IMessage {
 public:
@@ -79,7 +72,8 @@ public:
         for (const auto& [id, value] : changed_)
             values.push_back(value);
         const std::vector<uint16_t> removed(deleted_.begin(), deleted_.end());
-        HRESULT hr = writePropertyChanges(storage_.Get(), values, removed);
+        // Nothing changed: the storage is not touched, so a read-only one saves too.
+        HRESULT hr = values.empty() && removed.empty() ? S_OK : writePropertyChanges(storage_.Get(), values, removed);
         if (SUCCEEDED(hr) && !(options_.flags & IMSG_NO_ISTG_COMMIT))
             hr = storage_->Commit(STGC_DEFAULT);
         if (FAILED(hr)) {

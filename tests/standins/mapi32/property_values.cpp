@@ -1,5 +1,6 @@
 #include "property_values.h"
 
+#include "common/hresult.h"
 #include "items/property_text.h"
 
 #include <mapicode.h>
@@ -41,13 +42,15 @@ HRESULT notFound(ULONG requestedTag, SPropValue& value)
     return MAPI_E_NOT_FOUND;
 }
 
-HRESULT copyBytes(const void* bytes, size_t size, const MapiAllocators& allocators, void* parent, void** copy)
+// A copy allocated "more" on the parent, so that it goes when the parent goes.
+template <typename T>
+HRESULT copyBytes(const void* bytes, size_t size, const MapiAllocators& allocators, void* parent, T*& copy)
 {
-    HRESULT hr = allocators.allocateMore(static_cast<ULONG>(size), parent, copy);
-    if (FAILED(hr))
-        return hr;
+    void* block = nullptr;
+    RETURN_IF_FAILED(allocators.allocateMore(static_cast<ULONG>(size), parent, &block));
     if (size)
-        std::memcpy(*copy, bytes, size);
+        std::memcpy(block, bytes, size);
+    copy = static_cast<T*>(block);
     return S_OK;
 }
 
@@ -96,44 +99,24 @@ HRESULT makePropValue(ULONG requestedTag, const StoredProperty* stored, bool uni
         if (!isStringType(have))
             return notFound(requestedTag, value);
         const std::wstring text = propertyText(stored->tag, stored->bytes);
-        void* copy = nullptr;
-        HRESULT hr = copyBytes(text.c_str(), (text.size() + 1) * sizeof(wchar_t), allocators, parent, &copy);
-        if (FAILED(hr))
-            return hr;
-        value.Value.lpszW = static_cast<LPWSTR>(copy);
-        return S_OK;
+        return copyBytes(text.c_str(), (text.size() + 1) * sizeof(wchar_t), allocators, parent, value.Value.lpszW);
     }
     case PT_STRING8: {
         if (!isStringType(have))
             return notFound(requestedTag, value);
         const std::string text = narrowText(*stored);
-        void* copy = nullptr;
-        HRESULT hr = copyBytes(text.c_str(), text.size() + 1, allocators, parent, &copy);
-        if (FAILED(hr))
-            return hr;
-        value.Value.lpszA = static_cast<LPSTR>(copy);
-        return S_OK;
+        return copyBytes(text.c_str(), text.size() + 1, allocators, parent, value.Value.lpszA);
     }
     case PT_BINARY: {
         if (have != PT_BINARY)
             return notFound(requestedTag, value);
-        void* copy = nullptr;
-        HRESULT hr = copyBytes(stored->bytes.data(), stored->bytes.size(), allocators, parent, &copy);
-        if (FAILED(hr))
-            return hr;
         value.Value.bin.cb = static_cast<ULONG>(stored->bytes.size());
-        value.Value.bin.lpb = static_cast<LPBYTE>(copy);
-        return S_OK;
+        return copyBytes(stored->bytes.data(), stored->bytes.size(), allocators, parent, value.Value.bin.lpb);
     }
     case PT_CLSID: {
         if (have != PT_CLSID || stored->bytes.size() < sizeof(GUID))
             return notFound(requestedTag, value);
-        void* copy = nullptr;
-        HRESULT hr = copyBytes(stored->bytes.data(), sizeof(GUID), allocators, parent, &copy);
-        if (FAILED(hr))
-            return hr;
-        value.Value.lpguid = static_cast<LPGUID>(copy);
-        return S_OK;
+        return copyBytes(stored->bytes.data(), sizeof(GUID), allocators, parent, value.Value.lpguid);
     }
     default: {
         const size_t size = fixedSizeOf(wanted);

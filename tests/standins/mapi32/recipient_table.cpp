@@ -1,6 +1,6 @@
 #include "recipient_table.h"
 
-#include "mapi_iids.h"
+#include "mapi_com.h"
 #include "property_values.h"
 
 #include "common/hresult.h"
@@ -21,13 +21,6 @@ constexpr ULONG tagEntryId = 0x0FFF0102;
 constexpr uint16_t idDisplayName = 0x3001;
 constexpr uint16_t idAddrType = 0x3002;
 constexpr uint16_t idEmailAddress = 0x3003;
-
-template <typename T>
-void clearOut(T* out)
-{
-    if (out)
-        *out = T{};
-}
 
 class RecipientTable final : public IMAPITable {
 public:
