@@ -222,6 +222,8 @@ TEST(MessageChangesOnFile, ReadOnlyStorageRefusesTheSaveAndStaysAsItWas)
                   S_OK);
         ComPtr<IMessage> message;
         ASSERT_EQ(mapi.open(storage.Get(), message), S_OK);
+        // With nothing changed there is nothing to write.
+        EXPECT_EQ(message->SaveChanges(KEEP_OPEN_READWRITE), S_OK);
         ASSERT_EQ(setLong(message.Get(), tagSecurity, 0), S_OK);
         EXPECT_TRUE(FAILED(message->SaveChanges(KEEP_OPEN_READWRITE)));
     }
