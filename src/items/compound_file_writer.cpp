@@ -194,15 +194,17 @@ private:
                              << pathOf(storageIndex) << "\" can't be stored";
             return STG_E_INVALIDNAME;
         }
+        // Every element met counts, the ones left out too, so that an
+        // enumeration that never ends still does.
+        if (++elementsSeen_ > limits_.maxElements) {
+            KV_ERROR(logger) << "compound file: more than " << limits_.maxElements << " elements, at \""
+                             << pathOf(storageIndex, name.c_str()) << "\"";
+            return STG_E_DOCFILECORRUPT;
+        }
         if (stat.type != STGTY_STORAGE && stat.type != STGTY_STREAM) {
             KV_WARN(logger) << "compound file: \"" << pathOf(storageIndex, name.c_str())
                             << "\" is neither storage nor stream (type " << stat.type << "), left out";
             return S_OK;
-        }
-        if (entries_.size() > limits_.maxElements) {
-            KV_ERROR(logger) << "compound file: more than " << limits_.maxElements << " elements, at \""
-                             << pathOf(storageIndex, name.c_str()) << "\"";
-            return STG_E_DOCFILECORRUPT;
         }
         if (stat.type == STGTY_STORAGE)
             return copyStorage(storage, storageIndex, depth + 1, name);
@@ -343,7 +345,8 @@ private:
     {
         // Four entries to a sector; the rest of the last one is unused entries.
         const size_t slots = (entries_.size() + 3) / 4 * 4;
-        const cfb::DirectoryEntry unused;
+        cfb::DirectoryEntry unused;
+        unused.startSector = 0;
         std::vector<uint8_t> bytes;
         uint64_t sectors = 0;
         for (size_t start = 0; start < slots; start += directoryEntriesPerWrite) {
@@ -407,6 +410,7 @@ private:
     std::vector<cfb::DirectoryEntry> entries_;
     std::vector<uint32_t> parents_;
     std::vector<std::vector<uint32_t>> children_;
+    size_t elementsSeen_ = 0;
 };
 
 HRESULT writeToTemporary(IStorage* source, const std::wstring& path, const CompoundFileLimits& limits,

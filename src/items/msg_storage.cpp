@@ -112,8 +112,8 @@ HRESULT readStreamedValue(IStorage* storage, const std::wstring& where, uint32_t
             bytes.clear();
             return S_OK;
         }
-        KV_WARN(logger) << "stream " << name.c_str() << " of " << placeText(where) << " can't be opened, hr=" << hrText(hr)
-                        << ", value left out";
+        KV_WARN(logger) << "stream " << name.c_str() << " of " << placeText(where)
+                        << " can't be opened, hr=" << hrText(hr) << ", value left out";
         return STG_E_DOCFILECORRUPT;
     }
     hr = readBounded(stream.Get(), size, size, bytes);
@@ -158,19 +158,18 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
     // One byte beyond the bound tells an overlong stream from one that just fits.
     hr = readBounded(stream.Get(), maxPropertiesStreamBytes + 1, 4096, bytes);
     if (FAILED(hr)) {
-        KV_WARN(logger) << "reading the properties stream of " << placeText(where) << " failed after "
-                        << bytes.size() << " bytes, hr=" << hrText(hr);
+        KV_WARN(logger) << "reading the properties stream of " << placeText(where) << " failed after " << bytes.size()
+                        << " bytes, hr=" << hrText(hr);
         return hr;
     }
     if (bytes.size() > maxPropertiesStreamBytes) {
-        KV_WARN(logger) << "properties stream of " << placeText(where) << " is longer than "
-                        << maxPropertiesStreamBytes << " bytes, not a properties stream";
+        KV_WARN(logger) << "properties stream of " << placeText(where) << " is longer than " << maxPropertiesStreamBytes
+                        << " bytes, not a properties stream";
         return STG_E_DOCFILECORRUPT;
     }
     if (bytes.size() < headerSize || (bytes.size() - headerSize) % MsgLayout::entrySize != 0) {
         KV_WARN(logger) << "properties stream of " << placeText(where) << " has " << bytes.size()
-                        << " bytes, not a header of " << headerSize << " and whole entries of "
-                        << MsgLayout::entrySize;
+                        << " bytes, not a header of " << headerSize << " and whole entries of " << MsgLayout::entrySize;
         return STG_E_DOCFILECORRUPT;
     }
     context.header.assign(bytes, 0, headerSize);
@@ -312,8 +311,7 @@ void checkHeaderCount(const std::string& header, size_t offset, size_t found, co
 {
     const uint32_t declared = readLe32(header.data() + offset);
     if (declared != found) {
-        KV_WARN(logger) << "the message header counts " << declared << " " << kind << "s, the storage holds "
-                        << found;
+        KV_WARN(logger) << "the message header counts " << declared << " " << kind << "s, the storage holds " << found;
     }
 }
 
@@ -333,7 +331,8 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
     HRESULT hr = readPropertiesStorage(storage, MsgLayout::messageHeaderSize, L"", context, message.properties);
     if (FAILED(hr)) {
         KV_WARN(logger) << ")readStoredMessage=" << hrText(hr)
-                        << (hr == STG_E_FILENOTFOUND ? ", not a message storage" : ", the message's properties can't be read");
+                        << (hr == STG_E_FILENOTFOUND ? ", not a message storage"
+                                                     : ", the message's properties can't be read");
         return hr;
     }
 
@@ -351,9 +350,8 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
 
     hr = message.skipped.empty() ? S_OK : S_FALSE;
     KV_DEBUG(logger) << ")readStoredMessage=" << hrText(hr) << ", properties=" << message.properties.size()
-                     << ", recipients=" << message.recipients.size()
-                     << ", attachments=" << message.attachments.size() << ", skipped=" << message.skipped.size()
-                     << ", ms=" << (GetTickCount64() - started);
+                     << ", recipients=" << message.recipients.size() << ", attachments=" << message.attachments.size()
+                     << ", skipped=" << message.skipped.size() << ", ms=" << (GetTickCount64() - started);
     return hr;
 }
 

@@ -31,7 +31,7 @@ using StoredProperties = std::map<uint16_t, StoredProperty>;
 // A value, recipient row or attachment that was in the storage but was left
 // out because it could not be read safely.
 struct SkippedValue {
-    std::wstring where; // the storage path, "" for the message itself
+    std::wstring where; // the recipient or attachment storage's name, "" for the message itself
     uint32_t tag = 0;   // 0 when a whole recipient or attachment storage was left out
     HRESULT hr = S_OK;  // why
 };
@@ -62,7 +62,9 @@ struct StoredReadLimits {
 // properties stream is broken. Each is listed in `skipped` with its reason
 // (STG_E_DOCFILECORRUPT, STG_E_DOCFILETOOLARGE beyond the limits, or the
 // stream's own error) and the read then returns S_FALSE; S_OK means all was read.
-// String values are stored without their terminating NUL.
+// String values are stored without their terminating NUL; multi-valued
+// fixed-size values as the bytes of their one stream; multi-valued strings and
+// binaries (one stream per value) are not read.
 HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const StoredReadLimits& limits = {});
 
 // The property with this id, or null.

@@ -1,5 +1,6 @@
 // An attachment's stream becomes its file, unchanged.
 #include "items/attachment_item.h"
+#include "common/com_ptr.h"
 
 #include "addin/log.h"
 #include "common/unique_resource.h"
@@ -17,7 +18,7 @@ using Microsoft::WRL::ComPtr;
 ComPtr<IStream> memoryStream(const std::string& bytes)
 {
     ComPtr<IStream> stream;
-    stream.Attach(SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size())));
+    stream = adoptCom(SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size())));
     return stream;
 }
 
@@ -208,7 +209,7 @@ TEST(AttachmentFaults, FailedStatGivesNoPlaceholder)
 {
     ScratchFolder folder;
     ComPtr<IStream> stream;
-    stream.Attach(new FaultyStream(memoryStream("abc"), true, ~0ULL));
+    stream = adoptCom(new FaultyStream(memoryStream("abc"), true, ~0ULL));
     AttachmentItem item(folder.file(L"a.txt"), stream.Get());
     EXPECT_EQ(item.prepareFile(), STG_E_ACCESSDENIED);
     EXPECT_FALSE(fileExists(folder.file(L"a.txt")));
@@ -219,7 +220,7 @@ TEST(AttachmentFaults, StreamFailingHalfWayIsReportedAndStillRewound)
     ScratchFolder folder;
     auto* faulty = new FaultyStream(memoryStream(std::string(100000, 'q')), false, 50000);
     ComPtr<IStream> stream;
-    stream.Attach(faulty);
+    stream = adoptCom(faulty);
     AttachmentItem item(folder.file(L"broken.bin"), stream.Get());
     EXPECT_EQ(item.save(), STG_E_READFAULT);
     EXPECT_TRUE(item.isSaved()); // not tried again by a later save of the list

@@ -49,6 +49,8 @@ struct Entry {
     uint32_t left = noStream, right = noStream, child = noStream;
     uint32_t start = 0;
     uint64_t size = 0;
+    CLSID clsid{};
+    uint32_t stateBits = 0;
 };
 
 // The documented sibling order: shorter names first, then the names compared
@@ -64,6 +66,8 @@ int siblingOrder(const std::wstring& a, const std::wstring& b)
 class LayoutChecker {
 public:
     explicit LayoutChecker(const std::string& bytes) : bytes_(bytes) {}
+
+    const std::vector<RawStorageEntry>& storages() const { return storages_; }
 
     std::string run()
     {
@@ -238,7 +242,7 @@ private:
             checkEntry(i);
         reached_.assign(entries_.size(), false);
         reached_[0] = true;
-        checkChildren(0, 0);
+        checkChildren(0, 0, L"");
         for (size_t i = 1; i < entries_.size(); ++i) {
             if (entries_[i].type != 0 && !reached_[i])
                 problem("entry " + std::to_string(i) + " is in no tree");
@@ -254,6 +258,8 @@ private:
         entry.left = le32(bytes_, at + 68);
         entry.right = le32(bytes_, at + 72);
         entry.child = le32(bytes_, at + 76);
+        std::memcpy(&entry.clsid, bytes_.data() + at + 80, sizeof(CLSID));
+        entry.stateBits = le32(bytes_, at + 96);
         entry.start = le32(bytes_, at + 116);
         entry.size = le64(bytes_, at + 120);
         for (int i = 0; i < 32; ++i) {
@@ -270,8 +276,9 @@ private:
         const Entry& entry = entries_[index];
         const std::string where = "entry " + std::to_string(index) + " (" + wideToUtf8(entry.name) + ")";
         if (entry.type == 0) {
-            if (entry.left != noStream || entry.right != noStream || entry.child != noStream)
-                problem(where + ": unused entry with links");
+            if (entry.left != noStream || entry.right != noStream || entry.child != noStream || entry.start != 0 ||
+                entry.size != 0 || entry.nameBytes != 0)
+                problem(where + ": unused entry not cleared");
             return;
         }
         if (entry.type != 1 && entry.type != 2 && !(entry.type == 5 && index == 0))
@@ -304,8 +311,9 @@ private:
     }
 
     // Checks the tree of `storage`'s children and, below it, theirs.
-    void checkChildren(uint32_t storage, int depth)
+    void checkChildren(uint32_t storage, int depth, const std::wstring& path)
     {
+        storages_.push_back({path, entries_[storage].clsid, entries_[storage].stateBits});
         if (depth > 200)
             return problem("storages nested too deep to check");
         std::vector<uint32_t> inOrder;
@@ -320,7 +328,8 @@ private:
         }
         for (uint32_t child : inOrder) {
             if (entries_[child].type == 1)
-                checkChildren(child, depth + 1);
+                checkChildren(child, depth + 1,
+                              path.empty() ? entries_[child].name : path + L"/" + entries_[child].name);
         }
     }
 
@@ -360,6 +369,7 @@ private:
     std::vector<bool> miniOwner_;
     std::vector<Entry> entries_;
     std::vector<bool> reached_;
+    std::vector<RawStorageEntry> storages_;
 };
 
 struct OwnedStat {
@@ -404,7 +414,6 @@ void compareStorages(IStorage* expected, IStorage* actual, const std::string& wh
     ASSERT_HRESULT_SUCCEEDED(expected->Stat(&expectedStat, STATFLAG_NONAME));
     ASSERT_HRESULT_SUCCEEDED(actual->Stat(&actualStat, STATFLAG_NONAME));
     EXPECT_TRUE(IsEqualCLSID(expectedStat.clsid, actualStat.clsid)) << where << ": class id differs";
-    EXPECT_EQ(expectedStat.grfStateBits, actualStat.grfStateBits) << where << ": state bits differ";
 
     const auto expectedElements = elementsOf(expected, where);
     const auto actualElements = elementsOf(actual, where);
@@ -446,6 +455,13 @@ std::string compoundFileProblems(const std::string& bytes)
     return LayoutChecker(bytes).run();
 }
 
+std::vector<RawStorageEntry> storageEntriesOf(const std::string& bytes)
+{
+    LayoutChecker checker(bytes);
+    checker.run();
+    return checker.storages();
+}
+
 ComPtr<IStorage> openCompoundFile(const std::wstring& path)
 {
     ComPtr<IStorage> storage;
@@ -459,6 +475,31 @@ void expectSameTree(IStorage* expected, IStorage* actual)
 {
     ASSERT_TRUE(expected && actual);
     compareStorages(expected, actual, "");
+}
+
+void expectStorageEntriesMatch(IStorage* source, const std::string& bytes)
+{
+    const std::vector<RawStorageEntry> storages = storageEntriesOf(bytes);
+    ASSERT_FALSE(storages.empty()) << "no storages in the file";
+    for (const RawStorageEntry& entry : storages) {
+        const std::string where = "\"" + wideToUtf8(entry.path) + "\"";
+        // Parents stay open while their children are used.
+        std::vector<ComPtr<IStorage>> opened{source};
+        for (size_t start = 0; !entry.path.empty() && start <= entry.path.size();) {
+            const size_t slash = std::min(entry.path.find(L'/', start), entry.path.size());
+            const std::wstring name = entry.path.substr(start, slash - start);
+            ComPtr<IStorage> child;
+            ASSERT_HRESULT_SUCCEEDED(opened.back()->OpenStorage(name.c_str(), nullptr,
+                                                                STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &child))
+                << where;
+            opened.push_back(child);
+            start = slash + 1;
+        }
+        STATSTG stat{};
+        ASSERT_HRESULT_SUCCEEDED(opened.back()->Stat(&stat, STATFLAG_NONAME)) << where;
+        EXPECT_TRUE(IsEqualCLSID(stat.clsid, entry.clsid)) << where << ": class id differs";
+        EXPECT_EQ(stat.grfStateBits, entry.stateBits) << where << ": state bits differ";
+    }
 }
 
 std::string readWholeStream(IStream* stream)

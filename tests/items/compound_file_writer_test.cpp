@@ -4,10 +4,13 @@
 #include "items/compound_file_writer.h"
 
 #include "compound_file_check.h"
+#include "generated_storage.h"
 #include "items/mail_properties.h"
 #include "support/msg_builder.h"
 #include "support/scratch.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -42,12 +45,15 @@ ULONGLONG fileSize(const std::wstring& path)
     return (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
 }
 
-// Written, well-formed byte for byte, and equal to the source through the
+// Written, well-formed byte for byte, every storage's entry holding the
+// source's class id and state bits, and equal to the source through the
 // system's reader, both ways.
 void expectFaithfulFile(IStorage* source, const std::wstring& path)
 {
     ASSERT_HRESULT_SUCCEEDED(writeCompoundFile(source, path));
-    EXPECT_EQ(compoundFileProblems(readBytes(path)), "");
+    const std::string bytes = readBytes(path);
+    EXPECT_EQ(compoundFileProblems(bytes), "");
+    expectStorageEntriesMatch(source, bytes);
     ComPtr<IStorage> written = openCompoundFile(path);
     ASSERT_TRUE(written) << "StgOpenStorageEx refused the written file";
     expectSameTree(source, written.Get());
@@ -131,6 +137,30 @@ TEST_F(CompoundFileWriterTest, NestedStoragesKeepClassIdsAndStateBits)
     addStream(source.Get(), L"__properties_version1.0", patternBytes(32, 8));
 
     expectFaithfulFile(source.Get(), target);
+}
+
+TEST_F(CompoundFileWriterTest, EveryStorageKeepsItsStateBits)
+{
+    // The system's storages here keep state bits only on an open root, so a
+    // generated tree reports them for every level.
+    GeneratedStorageSpec spec;
+    spec.count = 2;
+    spec.levels = 3;
+    spec.clsid = folderClass;
+    spec.stateBits = 0x40000010;
+    spec.element = [](ULONGLONG index) {
+        return index == 0 ? GeneratedElement{L"inner", true, 0} : GeneratedElement{L"data", false, 5000};
+    };
+    ComPtr<IStorage> generated = makeGeneratedStorage(spec);
+    ASSERT_HRESULT_SUCCEEDED(writeCompoundFile(generated.Get(), target));
+
+    const std::string bytes = readBytes(target);
+    EXPECT_EQ(compoundFileProblems(bytes), "");
+    const std::vector<RawStorageEntry> storages = storageEntriesOf(bytes);
+    ASSERT_EQ(storages.size(), 4u);
+    EXPECT_EQ(storages[3].path, L"inner/inner/inner");
+    EXPECT_EQ(storages[3].stateBits, 0x40000013u);
+    expectStorageEntriesMatch(generated.Get(), bytes);
 }
 
 TEST_F(CompoundFileWriterTest, ThreeHundredChildrenFormOneTreeThatFindsEachName)
@@ -229,6 +259,42 @@ TEST_F(CompoundFileWriterTest, ReplacesAnExistingFileAndLeavesNothingElse)
     } while (FindNextFileW(find, &found));
     FindClose(find);
     EXPECT_EQ(files, std::vector<std::wstring>{L"mail.msg"});
+}
+
+// The layout check above is what proves the trees and chains; here it must
+// notice each kind of damage in a file that was fine.
+TEST_F(CompoundFileWriterTest, LayoutCheckNoticesDamage)
+{
+    ASSERT_TRUE(source);
+    for (int i = 0; i < 20; ++i)
+        addStream(source.Get(), L"s" + std::to_wstring(10 + i), patternBytes(100, static_cast<unsigned>(i)));
+    ASSERT_HRESULT_SUCCEEDED(writeCompoundFile(source.Get(), target));
+    const std::string good = readBytes(target);
+    ASSERT_EQ(compoundFileProblems(good), "");
+
+    uint32_t directorySector = 0;
+    std::memcpy(&directorySector, good.data() + 48, 4);
+    const size_t directory = 512 + size_t(directorySector) * 512;
+    auto entryAt = [&](std::string& bytes, size_t index) { return bytes.data() + directory + 128 * index; };
+
+    // Twenty siblings can't be a perfect tree: all black breaks the black heights.
+    std::string allBlack = good;
+    for (size_t i = 1; i <= 20; ++i)
+        entryAt(allBlack, i)[67] = 1;
+    EXPECT_NE(compoundFileProblems(allBlack).find("black heights differ"), std::string::npos);
+
+    // Two names swapped put the siblings out of order.
+    std::string swapped = good;
+    std::swap_ranges(entryAt(swapped, 1), entryAt(swapped, 1) + 64, entryAt(swapped, 2));
+    EXPECT_NE(compoundFileProblems(swapped).find("out of order"), std::string::npos);
+
+    // The directory chain cut short leaves its next sector to nobody.
+    std::string cut = good;
+    uint32_t fatSector = 0;
+    std::memcpy(&fatSector, good.data() + 76, 4);
+    const uint32_t endOfChain = 0xFFFFFFFE;
+    std::memcpy(cut.data() + 512 + size_t(fatSector) * 512 + 4 * directorySector, &endOfChain, 4);
+    EXPECT_NE(compoundFileProblems(cut).find("belongs to nothing"), std::string::npos);
 }
 
 } // namespace

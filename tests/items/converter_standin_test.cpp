@@ -2,6 +2,7 @@
 // converter: a real CoCreateInstance of CLSID_KvConverterSession, then
 // MAPIToMIMEStm on a message that is read only through IMessage calls.
 #include "support/com_object.h"
+#include "common/com_ptr.h"
 #include "support/converter_standin.h"
 #include "support/msg_builder.h"
 
@@ -148,7 +149,7 @@ public:
 ComPtr<MinimalMessage> makeMessage()
 {
     ComPtr<MinimalMessage> message;
-    message.Attach(new MinimalMessage());
+    message = adoptCom(new MinimalMessage());
     message->texts[0x0037001F] = L"Quarterly report";
     message->texts[0x0C1A001F] = L"Ann Example";
     message->texts[0x0C1F001F] = L"ann@example.com";

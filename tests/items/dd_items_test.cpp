@@ -1,5 +1,6 @@
 // The list of one drag's items: order, failure stops, release, JSON text.
 #include "items/dd_item.h"
+#include "common/com_ptr.h"
 
 #include "items/attachment_item.h"
 #include "support/scratch.h"
@@ -45,7 +46,7 @@ private:
 Microsoft::WRL::ComPtr<IStream> memoryStream(const std::string& bytes)
 {
     Microsoft::WRL::ComPtr<IStream> stream;
-    stream.Attach(SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size())));
+    stream = adoptCom(SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size())));
     return stream;
 }
 

@@ -1,4 +1,5 @@
 #include "generated_storage.h"
+#include "common/com_ptr.h"
 
 #include "support/com_object.h"
 
@@ -71,12 +72,15 @@ private:
 
 class GeneratedEnumerator final : public ComObject<IEnumSTATSTG> {
 public:
-    explicit GeneratedEnumerator(std::shared_ptr<SharedSpec> shared) : shared_(std::move(shared)) {}
+    GeneratedEnumerator(std::shared_ptr<SharedSpec> shared, ULONGLONG count)
+        : shared_(std::move(shared)), count_(count)
+    {
+    }
 
     HRESULT STDMETHODCALLTYPE Next(ULONG wanted, STATSTG* out, ULONG* fetched) override
     {
         ULONG given = 0;
-        for (; given < wanted && next_ < shared_->spec.count; ++given, ++next_) {
+        for (; given < wanted && next_ < count_; ++given, ++next_) {
             const GeneratedElement element = shared_->spec.element(next_);
             shared_->handedOut[element.name] = element;
             out[given] = STATSTG{};
@@ -105,12 +109,14 @@ protected:
 
 private:
     std::shared_ptr<SharedSpec> shared_;
+    ULONGLONG count_;
     ULONGLONG next_ = 0;
 };
 
 class GeneratedStorage final : public ComObject<IStorage> {
 public:
-    explicit GeneratedStorage(const GeneratedStorageSpec& spec) : shared_(std::make_shared<SharedSpec>())
+    GeneratedStorage(const GeneratedStorageSpec& spec, int depth)
+        : shared_(std::make_shared<SharedSpec>()), depth_(depth)
     {
         shared_->spec = spec;
     }
@@ -118,31 +124,34 @@ public:
     HRESULT STDMETHODCALLTYPE OpenStream(const OLECHAR* name, void*, DWORD, DWORD, IStream** stream) override
     {
         *stream = nullptr;
-        const auto found = shared_->handedOut.find(name ? name : L"");
-        if (found == shared_->handedOut.end() || found->second.storage)
+        const GeneratedElement* found = find(name);
+        if (!found || found->storage)
             return STG_E_FILENOTFOUND;
-        *stream = new GeneratedStream(found->second.bytes, shared_->spec.readOverclaim);
+        *stream = new GeneratedStream(found->bytes, shared_->spec.readOverclaim);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE OpenStorage(const OLECHAR* name, IStorage*, DWORD, SNB, DWORD,
                                           IStorage** storage) override
     {
         *storage = nullptr;
-        const auto found = shared_->handedOut.find(name ? name : L"");
-        if (found == shared_->handedOut.end() || !found->second.storage)
+        const GeneratedElement* found = find(name);
+        if (!found || !found->storage)
             return STG_E_FILENOTFOUND;
-        *storage = new GeneratedStorage(shared_->spec);
+        *storage = new GeneratedStorage(shared_->spec, depth_ + 1);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** elements) override
     {
-        *elements = new GeneratedEnumerator(shared_);
+        *elements = new GeneratedEnumerator(shared_, elementCount());
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE Stat(STATSTG* stat, DWORD) override
     {
         *stat = STATSTG{};
         stat->type = STGTY_STORAGE;
+        stat->clsid = shared_->spec.clsid;
+        stat->clsid.Data1 += static_cast<unsigned long>(depth_);
+        stat->grfStateBits = shared_->spec.stateBits + static_cast<DWORD>(depth_);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE CreateStream(const OLECHAR*, DWORD, DWORD, DWORD, IStream**) override
@@ -174,7 +183,27 @@ protected:
     bool offers(REFIID iid) const override { return iid == IID_IStorage; }
 
 private:
+    ULONGLONG elementCount() const
+    {
+        const bool empty = shared_->spec.levels >= 0 && depth_ >= shared_->spec.levels;
+        return empty ? 0 : shared_->spec.count;
+    }
+
+    // A name the enumerator handed out, or one not enumerated yet.
+    const GeneratedElement* find(const OLECHAR* name)
+    {
+        const std::wstring wanted = name ? name : L"";
+        auto found = shared_->handedOut.find(wanted);
+        for (ULONGLONG index = 0; found == shared_->handedOut.end() && index < elementCount(); ++index) {
+            GeneratedElement element = shared_->spec.element(index);
+            if (element.name == wanted)
+                found = shared_->handedOut.emplace(wanted, std::move(element)).first;
+        }
+        return found == shared_->handedOut.end() ? nullptr : &found->second;
+    }
+
     std::shared_ptr<SharedSpec> shared_;
+    int depth_;
 };
 
 } // namespace
@@ -182,7 +211,7 @@ private:
 ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageSpec& spec)
 {
     ComPtr<IStorage> storage;
-    storage.Attach(new GeneratedStorage(spec));
+    storage = adoptCom(new GeneratedStorage(spec, 0));
     return storage;
 }
 

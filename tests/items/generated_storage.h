@@ -19,6 +19,11 @@ struct GeneratedStorageSpec {
     ULONGLONG count = 0;                                   // elements of every storage
     std::function<GeneratedElement(ULONGLONG index)> element;
     ULONG readOverclaim = 0;                               // each Read reports this many bytes more than it wrote
+    int levels = -1;               // storages this many levels below the top hold nothing; -1: no end
+    // What Stat reports for a storage `depth` levels down: this class id with
+    // `depth` added to its first field, and these state bits plus `depth`.
+    CLSID clsid{};
+    DWORD stateBits = 0;
 };
 
 Microsoft::WRL::ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageSpec& spec);

@@ -23,42 +23,23 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-namespace Tag {
-constexpr uint32_t messageClass = 0x001A001F;
-constexpr uint32_t subject = 0x0037001F;
-constexpr uint32_t subject8 = 0x0037001E;
-constexpr uint32_t body = 0x1000001F;
-constexpr uint32_t recipientType = 0x0C150003;
-constexpr uint32_t rowId = 0x30000003;
-constexpr uint32_t attachDataBin = 0x37010102;
-} // namespace Tag
+namespace Id = MsgPropertyId;
 
-namespace Id {
-constexpr uint16_t messageClass = 0x001A;
-constexpr uint16_t subject = 0x0037;
-constexpr uint16_t submitTime = 0x0039;
-constexpr uint16_t senderEntryId = 0x0C19;
-constexpr uint16_t senderName = 0x0C1A;
-constexpr uint16_t senderAddrType = 0x0C1E;
-constexpr uint16_t senderEmail = 0x0C1F;
-constexpr uint16_t recipientType = 0x0C15;
-constexpr uint16_t deliveryTime = 0x0E06;
-constexpr uint16_t attachSize = 0x0E20;
-constexpr uint16_t entryId = 0x0FFF;
-constexpr uint16_t body = 0x1000;
-constexpr uint16_t html = 0x1013;
-constexpr uint16_t internetMessageId = 0x1035;
-constexpr uint16_t inReplyTo = 0x1042;
-constexpr uint16_t rowId = 0x3000;
-constexpr uint16_t displayName = 0x3001;
-constexpr uint16_t addrType = 0x3002;
-constexpr uint16_t emailAddress = 0x3003;
-constexpr uint16_t attachDataBin = 0x3701;
-constexpr uint16_t attachFileName = 0x3704;
-constexpr uint16_t attachMethod = 0x3705;
-constexpr uint16_t attachLongFileName = 0x3707;
-constexpr uint16_t attachMimeTag = 0x370E;
-} // namespace Id
+constexpr uint32_t tagOf(uint16_t id, uint16_t type)
+{
+    return static_cast<uint32_t>(id) << 16 | type;
+}
+
+namespace Tag {
+constexpr uint32_t messageClass = tagOf(Id::messageClass, PropertyType::Unicode);
+constexpr uint32_t subject = tagOf(Id::subject, PropertyType::Unicode);
+constexpr uint32_t subject8 = tagOf(Id::subject, PropertyType::String8);
+constexpr uint32_t body = tagOf(Id::body, PropertyType::Unicode);
+constexpr uint32_t senderEntryId = tagOf(Id::senderEntryId, PropertyType::Binary);
+constexpr uint32_t recipientType = tagOf(Id::recipientType, PropertyType::Long);
+constexpr uint32_t rowId = tagOf(Id::rowId, PropertyType::Long);
+constexpr uint32_t attachDataBin = tagOf(Id::attachDataBin, PropertyType::Binary);
+} // namespace Tag
 
 const std::wstring missing = L"<missing>";
 
@@ -170,7 +151,7 @@ TEST(MsgStorageRoundTrip, MailPropertiesReadBackAsTextIncludingCharactersBeyondT
     EXPECT_EQ(typeOf(properties, Id::subject), PropertyType::Unicode);
     EXPECT_EQ(findStoredProperty(properties, Id::subject)->bytes.size(), content.subject.size() * 2);
     EXPECT_EQ(textOf(properties, Id::deliveryTime), L"2024-03-05T07:08:09Z");
-    EXPECT_EQ(textOf(properties, Id::submitTime), L"2024-03-05T07:06:00Z");
+    EXPECT_EQ(textOf(properties, Id::clientSubmitTime), L"2024-03-05T07:06:00Z");
     EXPECT_EQ(textOf(properties, Id::senderName), L"Ann Smith");
     EXPECT_EQ(textOf(properties, Id::senderEmail), L"ann@example.com");
     EXPECT_EQ(textOf(properties, Id::senderAddrType), L"SMTP");
@@ -216,7 +197,8 @@ TEST(MsgStorageRoundTrip, ExchangeSenderKeepsItsEntryIdAndLegacyAddress)
     MsgContent content = ordinaryMail();
     content.senderAddrType = L"EX";
     content.senderAddress = L"/O=EXCHANGELABS/OU=EXCHANGE ADMINISTRATIVE GROUP/CN=RECIPIENTS/CN=ANN";
-    content.senderEntryId = std::string("\x00\x00\x00\x00\xDC\xA7\x40\xC8\xC0\x42\x10\x1A\xB4\xB9\x08\x00\x2B\x2F\xE1\x82", 20);
+    content.senderEntryId =
+        std::string("\x00\x00\x00\x00\xDC\xA7\x40\xC8\xC0\x42\x10\x1A\xB4\xB9\x08\x00\x2B\x2F\xE1\x82", 20);
     const ComPtr<IStorage> storage = makeMsgInMemory(content);
     ASSERT_TRUE(storage);
 
@@ -344,7 +326,8 @@ TEST(MsgStorageRoundTrip, AttachmentOfTensOfMegabytesComesBackWhole)
 TEST(MsgStorageRoundTrip, ExtraPropertyReplacesTheOrdinaryOneOfItsId)
 {
     MsgContent content = ordinaryMail();
-    content.extraProperties = {string8Property(Id::subject, "Plain subject"), longProperty(0x0E17, 7)};
+    content.extraProperties = {string8Property(Id::subject, "Plain subject"),
+                               longProperty(0x0E17, 7)}; // PR_MESSAGE_STATUS
     const StoredMessage message = readOrFail(makeMsgInMemory(content).Get());
     EXPECT_EQ(findStoredProperty(message.properties, Id::subject)->tag, Tag::subject8);
     EXPECT_EQ(textOf(message.properties, Id::subject), L"Plain subject");
@@ -434,7 +417,8 @@ TEST(MsgStorageRows, RowLimitKeepsTheLowestNumbers)
     MsgContent content = ordinaryMail();
     content.recipients.clear();
     for (ULONG i = 0; i < 8; ++i)
-        content.recipients.push_back({1, L"R" + std::to_wstring(i), L"r" + std::to_wstring(i) + L"@x.org", L"SMTP", ""});
+        content.recipients.push_back(
+            {1, L"R" + std::to_wstring(i), L"r" + std::to_wstring(i) + L"@x.org", L"SMTP", ""});
     const ComPtr<IStorage> storage = makeMsgInMemory(content);
     ASSERT_TRUE(storage);
 
@@ -459,9 +443,9 @@ TEST(MsgStorageRows, RowThatCannotBeOpenedIsLeftOutWithItsError)
     ASSERT_TRUE(storage);
     // Someone else holds the Cc row open; storages open only once.
     ComPtr<IStorage> held;
-    ASSERT_EQ(storage->OpenStorage(recipientName(1).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0,
-                                   &held),
-              S_OK);
+    ASSERT_EQ(
+        storage->OpenStorage(recipientName(1).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &held),
+        S_OK);
 
     const StoredMessage message = readOrFail(storage.Get(), S_FALSE);
     ASSERT_EQ(message.recipients.size(), 2u);
@@ -495,8 +479,9 @@ TEST(MsgStorageHostile, PropertiesStreamThatIsNotHeaderPlusWholeEntriesIsCorrupt
 {
     LogCapture log(LOG_INFO);
     const std::string entry = propertyEntry(Tag::recipientType, 1);
-    for (const std::string& broken : {std::string(20, '\0'), std::string(32 + 5, '\0'), std::string(32, '\0') + entry + "xyz",
-                                      std::string(32, '\0') + entry.substr(0, 15)}) {
+    for (const std::string& broken :
+         {std::string(20, '\0'), std::string(32 + 5, '\0'), std::string(32, '\0') + entry + "xyz",
+          std::string(32, '\0') + entry.substr(0, 15)}) {
         SCOPED_TRACE(broken.size());
         const ComPtr<IStorage> storage = makeStorageInMemory();
         ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 0, broken), S_OK);
@@ -525,13 +510,12 @@ TEST(MsgStorageHostile, ValueShorterThanItsEntryOrMissingIsLeftOutAndTheRestRead
 {
     LogCapture log(LOG_INFO);
     const std::wstring className = L"IPM.Note";
-    const ComPtr<IStorage> storage =
-        messageWithEntries(propertyEntry(Tag::subject, 400) + propertyEntry(Tag::messageClass, className.size() * 2 + 2) +
-                           propertyEntry(Tag::body, 50) + propertyEntry(Tag::attachDataBin, 0) +
-                           propertyEntry(0x0C190102, 12));
+    const ComPtr<IStorage> storage = messageWithEntries(
+        propertyEntry(Tag::subject, 400) + propertyEntry(Tag::messageClass, className.size() * 2 + 2) +
+        propertyEntry(Tag::body, 50) + propertyEntry(Tag::attachDataBin, 0) + propertyEntry(Tag::senderEntryId, 12));
     ASSERT_EQ(writeRawSubstorageStream(storage.Get(), Tag::subject, std::string(10, 'a')), S_OK);
     ASSERT_EQ(writeRawSubstorageStream(storage.Get(), Tag::messageClass, unicodeProperty(0, className).bytes), S_OK);
-    ASSERT_EQ(writeRawSubstorageStream(storage.Get(), 0x0C190102, std::string(11, 'b')), S_OK);
+    ASSERT_EQ(writeRawSubstorageStream(storage.Get(), Tag::senderEntryId, std::string(11, 'b')), S_OK);
     // The body's stream is missing; so is that of the empty binary, which is no loss.
 
     const StoredMessage message = readOrFail(storage.Get(), S_FALSE);
@@ -544,7 +528,7 @@ TEST(MsgStorageHostile, ValueShorterThanItsEntryOrMissingIsLeftOutAndTheRestRead
     ASSERT_EQ(message.skipped.size(), 3u);
     EXPECT_EQ(message.skipped[0].tag, Tag::subject);
     EXPECT_EQ(message.skipped[1].tag, Tag::body);
-    EXPECT_EQ(message.skipped[2].tag, 0x0C190102u);
+    EXPECT_EQ(message.skipped[2].tag, Tag::senderEntryId);
     for (const SkippedValue& skipped : message.skipped) {
         EXPECT_EQ(skipped.where, L"");
         EXPECT_EQ(skipped.hr, STG_E_DOCFILECORRUPT);
@@ -566,8 +550,8 @@ TEST(MsgStorageHostile, ValueBeyondTheSizeLimitIsLeftOutWithoutBeingRead)
 {
     LogCapture log(LOG_INFO);
     // The default limit: the entry claims just over 64 MiB, nothing that big is read.
-    ComPtr<IStorage> storage =
-        messageWithEntries(propertyEntry(Tag::attachDataBin, (size_t(64) << 20) + 1) + propertyEntry(Tag::subject, 0xFFFFFFF0));
+    ComPtr<IStorage> storage = messageWithEntries(propertyEntry(Tag::attachDataBin, (size_t(64) << 20) + 1) +
+                                                  propertyEntry(Tag::subject, 0xFFFFFFF0));
     ASSERT_EQ(writeRawSubstorageStream(storage.Get(), Tag::attachDataBin, "small"), S_OK);
     StoredMessage message = readOrFail(storage.Get(), S_FALSE);
     ASSERT_EQ(message.skipped.size(), 2u);
@@ -680,10 +664,11 @@ TEST(MsgStorageHostile, ValueKindsObjectsDuplicatesAndMultiValues)
 {
     const uint32_t mvLong = 0x80011003;
     const uint32_t mvUnicode = 0x8002101F;
-    const uint32_t object = 0x3701000D;
-    const ComPtr<IStorage> storage = messageWithEntries(
-        propertyEntry(Tag::recipientType, 0x1122334455667788ull) + propertyEntry(0x0C150102, 4) +
-        propertyEntry(mvLong, 8) + propertyEntry(mvUnicode, 8) + propertyEntry(object, 0xFFFFFFFF));
+    const uint32_t object = tagOf(Id::attachDataBin, MsgLayout::typeObject); // an embedded message
+    const ComPtr<IStorage> storage =
+        messageWithEntries(propertyEntry(Tag::recipientType, 0x1122334455667788ull) +
+                           propertyEntry(tagOf(Id::recipientType, PropertyType::Binary), 4) + propertyEntry(mvLong, 8) +
+                           propertyEntry(mvUnicode, 8) + propertyEntry(object, 0xFFFFFFFF));
     ASSERT_EQ(writeRawSubstorageStream(storage.Get(), mvLong, std::string("\x01\x00\x00\x00\x02\x00\x00\x00", 8)),
               S_OK);
 
@@ -693,11 +678,12 @@ TEST(MsgStorageHostile, ValueKindsObjectsDuplicatesAndMultiValues)
     ASSERT_NE(fixed, nullptr);
     EXPECT_EQ(fixed->tag, Tag::recipientType);
     EXPECT_EQ(fixed->bytes, std::string("\x88\x77\x66\x55\x44\x33\x22\x11", 8));
-    EXPECT_EQ(findStoredProperty(message.properties, 0x8001)->bytes, std::string("\x01\x00\x00\x00\x02\x00\x00\x00", 8));
+    EXPECT_EQ(findStoredProperty(message.properties, 0x8001)->bytes,
+              std::string("\x01\x00\x00\x00\x02\x00\x00\x00", 8));
     EXPECT_EQ(findStoredProperty(message.properties, 0x8002), nullptr);
-    ASSERT_NE(findStoredProperty(message.properties, 0x3701), nullptr);
-    EXPECT_EQ(findStoredProperty(message.properties, 0x3701)->tag, object);
-    EXPECT_EQ(findStoredProperty(message.properties, 0x3701)->bytes, "");
+    ASSERT_NE(findStoredProperty(message.properties, Id::attachDataBin), nullptr);
+    EXPECT_EQ(findStoredProperty(message.properties, Id::attachDataBin)->tag, object);
+    EXPECT_EQ(findStoredProperty(message.properties, Id::attachDataBin)->bytes, "");
 }
 
 TEST(MsgStorageHostile, RandomPropertiesStreamsNeverYieldMoreThanTheirEntriesSay)

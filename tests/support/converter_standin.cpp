@@ -1,4 +1,5 @@
 #include "support/converter_standin.h"
+#include "common/com_ptr.h"
 
 #include "common/hresult.h"
 #include "support/converter_mime.h"
@@ -229,7 +230,7 @@ private:
 ComPtr<ConverterStandIn> ConverterStandIn::create(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
 {
     ComPtr<ConverterStandIn> converter;
-    converter.Attach(new ConverterStandIn(freeBuffer, std::move(activity)));
+    converter = adoptCom(new ConverterStandIn(freeBuffer, std::move(activity)));
     return converter;
 }
 
@@ -288,7 +289,7 @@ ConverterRegistration::ConverterRegistration(LPFREEBUFFER freeBuffer)
     : activity_(std::make_shared<ConverterActivity>())
 {
     ComPtr<IClassFactory> factory;
-    factory.Attach(new ConverterFactory(freeBuffer, activity_));
+    factory = adoptCom(new ConverterFactory(freeBuffer, activity_));
     // COM keeps its own reference to the factory until the class is revoked.
     registrationResult_ = CoRegisterClassObject(CLSID_KvConverterSession, factory.Get(), CLSCTX_INPROC_SERVER,
                                                 REGCLS_MULTIPLEUSE, &cookie_);

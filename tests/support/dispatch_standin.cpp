@@ -1,4 +1,5 @@
 #include "support/dispatch_standin.h"
+#include "common/com_ptr.h"
 
 #include "common/strings.h"
 
@@ -191,7 +192,7 @@ bool argumentMissing(const VARIANT& argument)
 ComPtr<DispatchStandIn> DispatchStandIn::create(std::wstring typeName)
 {
     ComPtr<DispatchStandIn> object;
-    object.Attach(new DispatchStandIn(std::move(typeName)));
+    object = adoptCom(new DispatchStandIn(std::move(typeName)));
     return object;
 }
 

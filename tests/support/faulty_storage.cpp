@@ -1,4 +1,5 @@
 #include "support/faulty_storage.h"
+#include "common/com_ptr.h"
 
 #include <algorithm>
 #include <atomic>
@@ -210,6 +211,6 @@ ComPtr<IStorage> wrapWithFaults(IStorage* real, const StorageFaults& faults)
     if (!real)
         return nullptr;
     ComPtr<IStorage> wrapper;
-    wrapper.Attach(new FaultyStorage(real, faults, faults.onlyInside.empty()));
+    wrapper = adoptCom(new FaultyStorage(real, faults, faults.onlyInside.empty()));
     return wrapper;
 }

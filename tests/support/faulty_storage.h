@@ -10,13 +10,13 @@
 #include <string>
 
 struct StorageFaults {
-    std::wstring onlyInside;                // the child storage whose streams misbehave; empty: all of them
-    std::wstring onlyStream;                // the stream name that misbehaves; empty: every stream
-    ULONGLONG failAfterBytes = ULLONG_MAX;  // Read fails once this many bytes were delivered
-    HRESULT readFailure = STG_E_READFAULT;  // what the failing Read returns
-    ULONG maxBytesPerRead = 0;              // each Read delivers at most this much (0: no limit)
-    ULONGLONG statExtraBytes = 0;           // Stat reports this much more than the stream holds
-    HRESULT enumFailure = S_OK;             // EnumElements fails with this unless S_OK
+    std::wstring onlyInside;               // the child storage whose streams misbehave; empty: all of them
+    std::wstring onlyStream;               // the stream name that misbehaves; empty: every stream
+    ULONGLONG failAfterBytes = ULLONG_MAX; // Read fails once this many bytes were delivered
+    HRESULT readFailure = STG_E_READFAULT; // what the failing Read returns
+    ULONG maxBytesPerRead = 0;             // each Read delivers at most this much (0: no limit)
+    ULONGLONG statExtraBytes = 0;          // Stat reports this much more than the stream holds
+    HRESULT enumFailure = S_OK;            // EnumElements fails with this unless S_OK
 };
 
 // The wrapper over `real` (and, through OpenStorage, over its children).

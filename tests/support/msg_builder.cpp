@@ -24,39 +24,7 @@ constexpr uint32_t objectTypeMailUser = 6;
 constexpr uint32_t objectTypeAttach = 7;
 constexpr uint32_t attachByValue = 1;
 
-namespace Id {
-constexpr uint16_t messageClass = 0x001A;
-constexpr uint16_t subject = 0x0037;
-constexpr uint16_t clientSubmitTime = 0x0039;
-constexpr uint16_t senderEntryId = 0x0C19;
-constexpr uint16_t senderName = 0x0C1A;
-constexpr uint16_t senderAddrType = 0x0C1E;
-constexpr uint16_t senderEmail = 0x0C1F;
-constexpr uint16_t recipientType = 0x0C15;
-constexpr uint16_t deliveryTime = 0x0E06;
-constexpr uint16_t messageFlags = 0x0E07;
-constexpr uint16_t attachSize = 0x0E20;
-constexpr uint16_t attachNum = 0x0E21;
-constexpr uint16_t objectType = 0x0FFE;
-constexpr uint16_t entryId = 0x0FFF;
-constexpr uint16_t body = 0x1000;
-constexpr uint16_t html = 0x1013;
-constexpr uint16_t internetMessageId = 0x1035;
-constexpr uint16_t inReplyTo = 0x1042;
-constexpr uint16_t rowId = 0x3000;
-constexpr uint16_t displayName = 0x3001;
-constexpr uint16_t addrType = 0x3002;
-constexpr uint16_t emailAddress = 0x3003;
-constexpr uint16_t storeSupportMask = 0x340D;
-constexpr uint16_t displayType = 0x3900;
-constexpr uint16_t attachDataBin = 0x3701;
-constexpr uint16_t attachExtension = 0x3703;
-constexpr uint16_t attachFileName = 0x3704;
-constexpr uint16_t attachMethod = 0x3705;
-constexpr uint16_t attachLongFileName = 0x3707;
-constexpr uint16_t renderingPosition = 0x370B;
-constexpr uint16_t attachMimeTag = 0x370E;
-} // namespace Id
+namespace Id = MsgPropertyId;
 
 uint32_t tagOf(uint16_t id, uint16_t type)
 {
@@ -219,11 +187,17 @@ std::wstring extensionOf(const std::wstring& fileName)
     return dot == std::wstring::npos ? L"" : fileName.substr(dot);
 }
 
-HRESULT writeRecipient(IStorage* message, uint32_t number, const MsgRecipient& recipient, bool unicode)
+HRESULT writeRow(IStorage* message, const wchar_t* prefix, uint32_t number, const PropertyList& values)
 {
-    ComPtr<IStorage> row = createChildStorage(message, MsgLayout::rowStorageName(MsgLayout::recipientPrefix, number));
+    ComPtr<IStorage> row = createChildStorage(message, MsgLayout::rowStorageName(prefix, number));
     if (!row)
         return STG_E_CANTSAVE;
+    RETURN_IF_FAILED(writeProperties(row.Get(), rowHeader(), values.values()));
+    return row->Commit(STGC_DEFAULT);
+}
+
+HRESULT writeRecipient(IStorage* message, uint32_t number, const MsgRecipient& recipient, bool unicode)
+{
     PropertyList values(unicode);
     values.number(Id::rowId, number);
     values.number(Id::recipientType, recipient.type);
@@ -233,15 +207,11 @@ HRESULT writeRecipient(IStorage* message, uint32_t number, const MsgRecipient& r
     values.text(Id::emailAddress, recipient.address);
     values.text(Id::addrType, recipient.addrType);
     values.binary(Id::entryId, recipient.entryId);
-    RETURN_IF_FAILED(writeProperties(row.Get(), rowHeader(), values.values()));
-    return row->Commit(STGC_DEFAULT);
+    return writeRow(message, MsgLayout::recipientPrefix, number, values);
 }
 
 HRESULT writeAttachment(IStorage* message, uint32_t number, const MsgAttachment& attachment, bool unicode)
 {
-    ComPtr<IStorage> row = createChildStorage(message, MsgLayout::rowStorageName(MsgLayout::attachmentPrefix, number));
-    if (!row)
-        return STG_E_CANTSAVE;
     PropertyList values(unicode);
     values.number(Id::attachNum, number);
     values.number(Id::objectType, objectTypeAttach);
@@ -253,8 +223,7 @@ HRESULT writeAttachment(IStorage* message, uint32_t number, const MsgAttachment&
     values.text(Id::attachExtension, extensionOf(attachment.fileName));
     values.text(Id::attachMimeTag, attachment.mimeType);
     values.binary(Id::attachDataBin, attachment.bytes);
-    RETURN_IF_FAILED(writeProperties(row.Get(), rowHeader(), values.values()));
-    return row->Commit(STGC_DEFAULT);
+    return writeRow(message, MsgLayout::attachmentPrefix, number, values);
 }
 
 // Named-property mapping: empty, but present as in every real .msg.
@@ -389,7 +358,8 @@ HRESULT writeMsgFile(const std::wstring& path, const MsgContent& content)
     const LockedGlobal locked(memory);
     if (!locked.data())
         return HRESULT_FROM_WIN32(GetLastError());
-    UniqueFile file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueFile file(
+        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file)
         return HRESULT_FROM_WIN32(GetLastError());
     const char* data = static_cast<const char*>(locked.data());

@@ -20,6 +20,41 @@
 #include <string_view>
 #include <vector>
 
+// The property ids the builder writes (tags are id << 16 | type).
+namespace MsgPropertyId {
+constexpr uint16_t messageClass = 0x001A;
+constexpr uint16_t subject = 0x0037;
+constexpr uint16_t clientSubmitTime = 0x0039;
+constexpr uint16_t senderEntryId = 0x0C19;
+constexpr uint16_t senderName = 0x0C1A;
+constexpr uint16_t senderAddrType = 0x0C1E;
+constexpr uint16_t senderEmail = 0x0C1F;
+constexpr uint16_t recipientType = 0x0C15;
+constexpr uint16_t deliveryTime = 0x0E06;
+constexpr uint16_t messageFlags = 0x0E07;
+constexpr uint16_t attachSize = 0x0E20;
+constexpr uint16_t attachNum = 0x0E21;
+constexpr uint16_t objectType = 0x0FFE;
+constexpr uint16_t entryId = 0x0FFF;
+constexpr uint16_t body = 0x1000;
+constexpr uint16_t html = 0x1013;
+constexpr uint16_t internetMessageId = 0x1035;
+constexpr uint16_t inReplyTo = 0x1042;
+constexpr uint16_t rowId = 0x3000;
+constexpr uint16_t displayName = 0x3001;
+constexpr uint16_t addrType = 0x3002;
+constexpr uint16_t emailAddress = 0x3003;
+constexpr uint16_t storeSupportMask = 0x340D;
+constexpr uint16_t displayType = 0x3900;
+constexpr uint16_t attachDataBin = 0x3701;
+constexpr uint16_t attachExtension = 0x3703;
+constexpr uint16_t attachFileName = 0x3704;
+constexpr uint16_t attachMethod = 0x3705;
+constexpr uint16_t attachLongFileName = 0x3707;
+constexpr uint16_t renderingPosition = 0x370B;
+constexpr uint16_t attachMimeTag = 0x370E;
+} // namespace MsgPropertyId
+
 struct MsgRecipient {
     ULONG type = 1; // 1 To, 2 Cc, 3 Bcc; other values are written as they are
     std::wstring name, address, addrType;
@@ -45,7 +80,8 @@ struct MsgContent {
     std::vector<MsgAttachment> attachments;
     bool unicodeStrings = true; // false writes PT_STRING8 in the ANSI code page
     // Written last; one with the id of a property above replaces it. Streamed
-    // types are written as their bytes, fixed-size ones as up to 8 value bytes.
+    // types are written as their bytes, fixed-size ones as up to 8 value bytes;
+    // PT_OBJECT and multi-valued strings or binaries are refused (E_INVALIDARG).
     std::vector<StoredProperty> extraProperties;
 };
 

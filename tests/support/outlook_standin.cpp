@@ -1,4 +1,5 @@
 #include "support/outlook_standin.h"
+#include "common/com_ptr.h"
 
 #include "support/fake_decryption.h"
 
@@ -191,7 +192,7 @@ void buildApplication(State& state, const std::weak_ptr<State>& weak)
 void buildSession(State& state, const std::weak_ptr<State>& weak)
 {
     ComPtr<IUnknown> token;
-    token.Attach(new MapiSessionToken());
+    token = adoptCom(new MapiSessionToken());
     state.mapiObject = token;
 
     state.session = DispatchStandIn::create(L"NameSpace");
