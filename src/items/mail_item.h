@@ -51,6 +51,7 @@ private:
     void releaseMessage();
     // The whole compound storage, element by element, into a new .msg file.
     HRESULT copyStorageToFile(const std::wstring& path);
+    HRESULT copyStorageThroughDocfile(const std::wstring& path);
     void resolveExchangeAddresses();
     Microsoft::WRL::ComPtr<IConverterSession> createConverter();
 

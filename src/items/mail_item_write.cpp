@@ -10,6 +10,7 @@
 #include "common/strings.h"
 #include "items/eml_headers.h"
 #include "items/outlook_objects.h"
+#include "items/compound_file_writer.h"
 #include "items/stream_copy.h"
 
 #include <shlwapi.h>
@@ -50,6 +51,18 @@ private:
 } // namespace
 
 HRESULT MailItem::copyStorageToFile(const std::wstring& path)
+{
+    // Our own compound-file writer streams the storage out with large writes;
+    // the system's docfile is the way back when it can't.
+    HRESULT hr = writeCompoundFile(storage_.Get(), path);
+    KV_DEBUG(logger) << "writeCompoundFile " << path << " =" << hr;
+    if (SUCCEEDED(hr))
+        return hr;
+    KV_WARN(logger) << "compound file writer failed, hr=" << hr << ", copying through the system's storage";
+    return copyStorageThroughDocfile(path);
+}
+
+HRESULT MailItem::copyStorageThroughDocfile(const std::wstring& path)
 {
     Microsoft::WRL::ComPtr<IStorage> fileStorage;
     HRESULT hr = StgCreateDocfile(path.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, &fileStorage);
