@@ -53,22 +53,22 @@ std::string streamOf(IStorage* storage, const std::wstring& name)
     return readWholeStream(stream.Get());
 }
 
-GeneratedStorageSpec flatStreams(ULONGLONG count, ULONGLONG bytes)
+GeneratedStorageLayout flatStreams(ULONGLONG count, ULONGLONG bytes)
 {
-    GeneratedStorageSpec spec;
-    spec.count = count;
-    spec.element = [bytes](ULONGLONG index) {
+    GeneratedStorageLayout layout;
+    layout.count = count;
+    layout.element = [bytes](ULONGLONG index) {
         return GeneratedElement{L"s" + std::to_wstring(index), false, bytes};
     };
-    return spec;
+    return layout;
 }
 
-GeneratedStorageSpec namedStreams(std::vector<std::wstring> names)
+GeneratedStorageLayout namedStreams(std::vector<std::wstring> names)
 {
-    GeneratedStorageSpec spec;
-    spec.count = names.size();
-    spec.element = [names](ULONGLONG index) { return GeneratedElement{names[index], false, 10}; };
-    return spec;
+    GeneratedStorageLayout layout;
+    layout.count = names.size();
+    layout.element = [names](ULONGLONG index) { return GeneratedElement{names[index], false, 10}; };
+    return layout;
 }
 
 class HostileSourceTest : public ::testing::Test {
@@ -171,9 +171,9 @@ TEST_F(HostileSourceTest, StreamsDeliveringAFewBytesAtATimeAreCopiedWhole)
 
 TEST_F(HostileSourceTest, ReadClaimingMoreThanAskedIsRefused)
 {
-    GeneratedStorageSpec spec = flatStreams(2, 10000);
-    spec.readOverclaim = 4096;
-    expectCleanFailure(makeGeneratedStorage(spec).Get(), STG_E_DOCFILECORRUPT, "asked");
+    GeneratedStorageLayout layout = flatStreams(2, 10000);
+    layout.readOverclaim = 4096;
+    expectCleanFailure(makeGeneratedStorage(layout).Get(), STG_E_DOCFILECORRUPT, "asked");
 }
 
 TEST_F(HostileSourceTest, SixtyFourLevelsAreWrittenAndEndlessNestingIsRefused)
@@ -196,7 +196,7 @@ TEST_F(HostileSourceTest, SixtyFourLevelsAreWrittenAndEndlessNestingIsRefused)
     ASSERT_TRUE(written);
     expectSameTree(deep.Get(), written.Get());
 
-    GeneratedStorageSpec endless;
+    GeneratedStorageLayout endless;
     endless.count = 1;
     endless.element = [](ULONGLONG) { return GeneratedElement{L"again", true, 0}; };
     expectCleanFailure(makeGeneratedStorage(endless).Get(), STG_E_DOCFILECORRUPT, "nested deeper than 64");

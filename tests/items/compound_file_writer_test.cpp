@@ -143,15 +143,15 @@ TEST_F(CompoundFileWriterTest, EveryStorageKeepsItsStateBits)
 {
     // The system's storages here keep state bits only on an open root, so a
     // generated tree reports them for every level.
-    GeneratedStorageSpec spec;
-    spec.count = 2;
-    spec.levels = 3;
-    spec.clsid = folderClass;
-    spec.stateBits = 0x40000010;
-    spec.element = [](ULONGLONG index) {
+    GeneratedStorageLayout layout;
+    layout.count = 2;
+    layout.levels = 3;
+    layout.clsid = folderClass;
+    layout.stateBits = 0x40000010;
+    layout.element = [](ULONGLONG index) {
         return index == 0 ? GeneratedElement{L"inner", true, 0} : GeneratedElement{L"data", false, 5000};
     };
-    ComPtr<IStorage> generated = makeGeneratedStorage(spec);
+    ComPtr<IStorage> generated = makeGeneratedStorage(layout);
     ASSERT_HRESULT_SUCCEEDED(writeCompoundFile(generated.Get(), target));
 
     const std::string bytes = readBytes(target);

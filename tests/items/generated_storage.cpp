@@ -13,7 +13,7 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 struct SharedSpec {
-    GeneratedStorageSpec spec;
+    GeneratedStorageLayout layout;
     // Filled as the enumerator hands names out, so that they can be opened.
     std::map<std::wstring, GeneratedElement> handedOut;
 };
@@ -81,7 +81,7 @@ public:
     {
         ULONG given = 0;
         for (; given < wanted && next_ < count_; ++given, ++next_) {
-            const GeneratedElement element = shared_->spec.element(next_);
+            const GeneratedElement element = shared_->layout.element(next_);
             shared_->handedOut[element.name] = element;
             out[given] = STATSTG{};
             out[given].pwcsName = taskMemCopy(element.name);
@@ -115,10 +115,10 @@ private:
 
 class GeneratedStorage final : public ComObject<IStorage> {
 public:
-    GeneratedStorage(const GeneratedStorageSpec& spec, int depth)
+    GeneratedStorage(const GeneratedStorageLayout& layout, int depth)
         : shared_(std::make_shared<SharedSpec>()), depth_(depth)
     {
-        shared_->spec = spec;
+        shared_->layout = layout;
     }
 
     HRESULT STDMETHODCALLTYPE OpenStream(const OLECHAR* name, void*, DWORD, DWORD, IStream** stream) override
@@ -127,7 +127,7 @@ public:
         const GeneratedElement* found = find(name);
         if (!found || found->storage)
             return STG_E_FILENOTFOUND;
-        *stream = new GeneratedStream(found->bytes, shared_->spec.readOverclaim);
+        *stream = new GeneratedStream(found->bytes, shared_->layout.readOverclaim);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE OpenStorage(const OLECHAR* name, IStorage*, DWORD, SNB, DWORD,
@@ -137,7 +137,7 @@ public:
         const GeneratedElement* found = find(name);
         if (!found || !found->storage)
             return STG_E_FILENOTFOUND;
-        *storage = new GeneratedStorage(shared_->spec, depth_ + 1);
+        *storage = new GeneratedStorage(shared_->layout, depth_ + 1);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** elements) override
@@ -149,9 +149,9 @@ public:
     {
         *stat = STATSTG{};
         stat->type = STGTY_STORAGE;
-        stat->clsid = shared_->spec.clsid;
+        stat->clsid = shared_->layout.clsid;
         stat->clsid.Data1 += static_cast<unsigned long>(depth_);
-        stat->grfStateBits = shared_->spec.stateBits + static_cast<DWORD>(depth_);
+        stat->grfStateBits = shared_->layout.stateBits + static_cast<DWORD>(depth_);
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE CreateStream(const OLECHAR*, DWORD, DWORD, DWORD, IStream**) override
@@ -185,8 +185,8 @@ protected:
 private:
     ULONGLONG elementCount() const
     {
-        const bool empty = shared_->spec.levels >= 0 && depth_ >= shared_->spec.levels;
-        return empty ? 0 : shared_->spec.count;
+        const bool empty = shared_->layout.levels >= 0 && depth_ >= shared_->layout.levels;
+        return empty ? 0 : shared_->layout.count;
     }
 
     // A name the enumerator handed out, or one not enumerated yet.
@@ -195,7 +195,7 @@ private:
         const std::wstring wanted = name ? name : L"";
         auto found = shared_->handedOut.find(wanted);
         for (ULONGLONG index = 0; found == shared_->handedOut.end() && index < elementCount(); ++index) {
-            GeneratedElement element = shared_->spec.element(index);
+            GeneratedElement element = shared_->layout.element(index);
             if (element.name == wanted)
                 found = shared_->handedOut.emplace(wanted, std::move(element)).first;
         }
@@ -208,10 +208,10 @@ private:
 
 } // namespace
 
-ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageSpec& spec)
+ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageLayout& layout)
 {
     ComPtr<IStorage> storage;
-    storage = adoptCom(new GeneratedStorage(spec, 0));
+    storage = adoptCom(new GeneratedStorage(layout, 0));
     return storage;
 }
 

@@ -11,11 +11,11 @@
 
 struct GeneratedElement {
     std::wstring name;
-    bool storage = false;   // a storage opens as another storage generated from the same spec
+    bool storage = false;   // a storage opens as another storage generated from the same layout
     ULONGLONG bytes = 0;    // a stream's size; its bytes are generatedByte(0), generatedByte(1), ...
 };
 
-struct GeneratedStorageSpec {
+struct GeneratedStorageLayout {
     ULONGLONG count = 0;                                   // elements of every storage
     std::function<GeneratedElement(ULONGLONG index)> element;
     ULONG readOverclaim = 0;                               // each Read reports this many bytes more than it wrote
@@ -26,7 +26,7 @@ struct GeneratedStorageSpec {
     DWORD stateBits = 0;
 };
 
-Microsoft::WRL::ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageSpec& spec);
+Microsoft::WRL::ComPtr<IStorage> makeGeneratedStorage(const GeneratedStorageLayout& layout);
 
 // Byte `offset` of every generated stream.
 char generatedByte(ULONGLONG offset);
