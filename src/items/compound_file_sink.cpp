@@ -35,28 +35,67 @@ HRESULT SectorSink::createBeside(const std::wstring& target, std::wstring& creat
         return E_OUTOFMEMORY;
     // A name of our own beside the target: another save of the same target
     // (or a crashed one) must not collide with this one.
-    for (int attempt = 0; attempt < 100; ++attempt) {
+    for (int attempt = 0; attempt < 100 && !file_; ++attempt) {
         const std::wstring name = target + L"." + std::to_wstring(GetCurrentProcessId()) + L"-" +
                                   std::to_wstring(++temporaryCounter) + L".tmp";
         file_.reset(CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-        if (file_) {
+        if (file_)
             created = name;
-            // The header's place; it is filled in by finish().
-            std::memset(buffer_.get(), 0, cfb::sectorBytes);
-            used_ = cfb::sectorBytes;
-            return S_OK;
-        }
-        if (GetLastError() != ERROR_FILE_EXISTS && GetLastError() != ERROR_ALREADY_EXISTS)
+        else if (GetLastError() != ERROR_FILE_EXISTS && GetLastError() != ERROR_ALREADY_EXISTS)
             return lastError();
     }
-    return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+    if (!file_)
+        return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+    // The header's place; finish() fills it in.
+    std::memset(buffer_.get(), 0, cfb::sectorBytes);
+    used_ = cfb::sectorBytes;
+    fileBytes_ = cfb::sectorBytes;
+    return S_OK;
 }
 
 bool SectorSink::fits(uint64_t sectors) const
 {
     // Sector numbers above 0xFFFFFFFA are the FAT's markers.
-    const uint64_t total = uint64_t(sectors_) + sectors;
+    const uint64_t total = (fileBytes_ - sectorSize + sectorSize - 1) / sectorSize + sectors;
     return total <= 0xFFFFFFFAull && (total + 1) * cfb::sectorBytes <= maxFileBytes_;
+}
+
+HRESULT SectorSink::reserve(uint8_t*& space, size_t& room)
+{
+    if (!file_ || !buffer_)
+        return E_UNEXPECTED;
+    if (used_ == bufferBytes)
+        RETURN_IF_FAILED(flush());
+    space = buffer_.get() + used_;
+    room = bufferBytes - used_;
+    return S_OK;
+}
+
+HRESULT SectorSink::commit(size_t bytes)
+{
+    if (bytes > bufferBytes - used_)
+        return E_UNEXPECTED;
+    const uint64_t sectorsAfter = (fileBytes_ + bytes - sectorSize + sectorSize - 1) / sectorSize;
+    if (sectorsAfter > 0xFFFFFFFAull || (sectorsAfter + 1) * sectorSize > maxFileBytes_)
+        return HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE);
+    used_ += bytes;
+    fileBytes_ += bytes;
+    return S_OK;
+}
+
+HRESULT SectorSink::padToSector()
+{
+    size_t padding = static_cast<size_t>((sectorSize - fileBytes_ % sectorSize) % sectorSize);
+    while (padding > 0) {
+        uint8_t* space = nullptr;
+        size_t room = 0;
+        RETURN_IF_FAILED(reserve(space, room));
+        const size_t piece = std::min(room, padding);
+        std::memset(space, 0, piece);
+        RETURN_IF_FAILED(commit(piece));
+        padding -= piece;
+    }
+    return S_OK;
 }
 
 HRESULT SectorSink::append(const void* data, size_t bytes, uint32_t& first)
@@ -64,15 +103,23 @@ HRESULT SectorSink::append(const void* data, size_t bytes, uint32_t& first)
     first = cfb::endOfChain;
     if (bytes == 0)
         return S_OK;
-    const uint64_t count = (uint64_t(bytes) + cfb::sectorBytes - 1) / cfb::sectorBytes;
-    if (!fits(count))
+    if (!fits((uint64_t(bytes) + cfb::sectorBytes - 1) / cfb::sectorBytes))
         return HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE);
-    RETURN_IF_FAILED(put(data, bytes));
-    static const uint8_t zeros[cfb::sectorBytes] = {};
-    const size_t padding = static_cast<size_t>(count * cfb::sectorBytes - bytes);
-    RETURN_IF_FAILED(put(zeros, padding));
-    first = sectors_;
-    sectors_ += static_cast<uint32_t>(count);
+    RETURN_IF_FAILED(padToSector());
+    const uint32_t start = sectorCount();
+    const auto* from = static_cast<const uint8_t*>(data);
+    while (bytes > 0) {
+        uint8_t* space = nullptr;
+        size_t room = 0;
+        RETURN_IF_FAILED(reserve(space, room));
+        const size_t piece = std::min(room, bytes);
+        std::memcpy(space, from, piece);
+        RETURN_IF_FAILED(commit(piece));
+        from += piece;
+        bytes -= piece;
+    }
+    RETURN_IF_FAILED(padToSector());
+    first = start;
     return S_OK;
 }
 
@@ -104,19 +151,6 @@ void SectorSink::mark(uint32_t sector, uint32_t value)
     fat_[sector] = value;
 }
 
-HRESULT SectorSink::put(const void* data, size_t bytes)
-{
-    if (!file_)
-        return E_UNEXPECTED;
-    if (used_ + bytes > bufferBytes)
-        RETURN_IF_FAILED(flush());
-    if (bytes >= bufferBytes)
-        return writeAll(data, bytes);
-    std::memcpy(buffer_.get() + used_, data, bytes);
-    used_ += bytes;
-    return S_OK;
-}
-
 HRESULT SectorSink::flush()
 {
     const size_t pending = std::exchange(used_, 0);
@@ -141,6 +175,8 @@ HRESULT SectorSink::writeAll(const void* data, size_t bytes)
 
 HRESULT SectorSink::finish(const uint8_t* header)
 {
+    if (!file_)
+        return E_UNEXPECTED;
     RETURN_IF_FAILED(flush());
     LARGE_INTEGER start{};
     if (!SetFilePointerEx(file_.get(), start, nullptr, FILE_BEGIN))

@@ -8,6 +8,7 @@
 #include <wrl/client.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -19,7 +20,7 @@ namespace {
 
 const Logger logger("MailItem");
 
-constexpr ULONG readChunkBytes = 1024 * 1024;
+constexpr size_t readChunkBytes = 1024 * 1024;
 // The mini stream goes to the file in pieces of this size as it fills up.
 constexpr size_t miniStreamFlushBytes = 64 * 1024;
 // Directory entries are encoded and written this many at a time.
@@ -104,9 +105,6 @@ public:
 
     HRESULT copyTree(IStorage* source)
     {
-        buffer_.reset(new (std::nothrow) uint8_t[readChunkBytes]);
-        if (!buffer_)
-            return E_OUTOFMEMORY;
         OwnedStat self;
         HRESULT hr = source->Stat(&self.stat, STATFLAG_NONAME);
         if (FAILED(hr)) {
@@ -263,65 +261,81 @@ private:
         return hr;
     }
 
-    // Reads up to `reported` bytes. Whole buffers go straight to the file;
-    // only a stream that turns out shorter than the cutoff (whatever Stat
-    // said) goes into the mini stream, from the buffer it was read into.
+    // Reads up to `reported` bytes. The first 4096 go to a small buffer of
+    // their own: only a stream that turns out shorter than the cutoff
+    // (whatever Stat said) goes into the mini stream. The rest is read
+    // straight into the file's buffers.
     HRESULT copyStreamBytes(IStream* stream, uint64_t reported, uint32_t index)
     {
         uint64_t total = 0;
-        size_t filled = 0;
-        uint32_t first = cfb::endOfChain;
-        uint64_t sectors = 0;
-        while (total < reported) {
-            const ULONG want = static_cast<ULONG>(std::min<uint64_t>(readChunkBytes - filled, reported - total));
+        size_t headBytes = 0;
+        bool ended = false;
+        while (!ended && headBytes < head_.size() && total < reported) {
+            const ULONG want = static_cast<ULONG>(std::min<uint64_t>(head_.size() - headBytes, reported - total));
             ULONG got = 0;
-            const HRESULT hr = stream->Read(buffer_.get() + filled, want, &got);
-            if (FAILED(hr))
-                return hr;
-            if (got > want) {
-                KV_ERROR(logger) << "compound file: Read delivered " << got << " bytes of " << want << " asked";
-                return STG_E_DOCFILECORRUPT;
-            }
-            if (got == 0)
-                break;
-            filled += got;
+            RETURN_IF_FAILED(readSome(stream, head_.data() + headBytes, want, got));
+            ended = got == 0;
+            headBytes += got;
+            total += got;
+        }
+        cfb::DirectoryEntry& entry = entries_[index];
+        entry.size = total;
+        if (total < cfb::miniStreamCutoff) {
+            if (total == 0)
+                return S_OK;
+            return mini_.append(head_.data(), headBytes, entry.startSector);
+        }
+
+        uint32_t first = cfb::endOfChain;
+        RETURN_IF_FAILED(appendToFile(head_.data(), headBytes, first));
+        while (!ended && total < reported) {
+            uint8_t* space = nullptr;
+            size_t room = 0;
+            RETURN_IF_FAILED(sink_.reserve(space, room));
+            const ULONG want = static_cast<ULONG>(std::min<uint64_t>({room, readChunkBytes, reported - total}));
+            ULONG got = 0;
+            RETURN_IF_FAILED(readSome(stream, space, want, got));
+            ended = got == 0;
             total += got;
             if (total > limits_.maxStreamBytes) {
                 KV_ERROR(logger) << "compound file: stream larger than " << limits_.maxStreamBytes << " bytes";
                 return HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE);
             }
-            if (filled == readChunkBytes) {
-                RETURN_IF_FAILED(writeSectors(filled, first, sectors));
-                filled = 0;
-            }
+            RETURN_IF_FAILED(checkedSize(sink_.commit(got)));
         }
-
-        cfb::DirectoryEntry& entry = entries_[index];
+        RETURN_IF_FAILED(checkedSize(sink_.padToSector()));
         entry.size = total;
-        if (sectors == 0 && total < cfb::miniStreamCutoff) {
-            if (total == 0)
-                return S_OK;
-            return mini_.append(buffer_.get(), filled, entry.startSector);
-        }
-        RETURN_IF_FAILED(writeSectors(filled, first, sectors));
         // Nothing else is written while a stream is copied, so its sectors
         // follow each other.
-        sink_.chain(first, static_cast<uint32_t>(sectors));
+        sink_.chain(first, sink_.sectorCount() - first);
         entry.startSector = first;
         return S_OK;
     }
 
-    HRESULT writeSectors(size_t bytes, uint32_t& first, uint64_t& sectors)
+    static HRESULT readSome(IStream* stream, uint8_t* into, ULONG want, ULONG& got)
     {
-        uint32_t at = cfb::endOfChain;
-        const HRESULT hr = sink_.append(buffer_.get(), bytes, at);
+        got = 0;
+        const HRESULT hr = stream->Read(into, want, &got);
+        if (FAILED(hr))
+            return hr;
+        if (got > want) {
+            KV_ERROR(logger) << "compound file: Read delivered " << got << " bytes of " << want << " asked";
+            got = 0;
+            return STG_E_DOCFILECORRUPT;
+        }
+        return S_OK;
+    }
+
+    HRESULT appendToFile(const void* data, size_t bytes, uint32_t& first)
+    {
+        return checkedSize(sink_.append(data, bytes, first));
+    }
+
+    HRESULT checkedSize(HRESULT hr) const
+    {
         if (hr == HRESULT_FROM_WIN32(ERROR_FILE_TOO_LARGE))
             KV_ERROR(logger) << "compound file: file would grow beyond " << limits_.maxFileBytes << " bytes";
-        RETURN_IF_FAILED(hr);
-        if (sectors == 0)
-            first = at;
-        sectors += (bytes + cfb::sectorBytes - 1) / cfb::sectorBytes;
-        return S_OK;
+        return hr;
     }
 
     HRESULT linkTrees()
@@ -406,7 +420,7 @@ private:
     SectorSink& sink_;
     const CompoundFileLimits& limits_;
     MiniStream mini_;
-    std::unique_ptr<uint8_t[]> buffer_;
+    std::array<uint8_t, cfb::miniStreamCutoff> head_{};
     std::vector<cfb::DirectoryEntry> entries_;
     std::vector<uint32_t> parents_;
     std::vector<std::vector<uint32_t>> children_;

@@ -172,8 +172,11 @@ HRESULT readRecipientsThroughMapi(IMessage* message, const MapiFunctions& mapi, 
 
 HRESULT readPropertiesFromStorage(IStorage* storage, MailProperties& properties)
 {
+    // The attachments' bytes are not needed here, and can be large.
     StoredMessage message;
-    const HRESULT hr = readStoredMessage(storage, message);
+    StoredReadLimits limits;
+    limits.readAttachments = false;
+    const HRESULT hr = readStoredMessage(storage, message, limits);
     if (FAILED(hr))
         return hr;
     for (size_t i = 0; i < std::size(messageTags); ++i)

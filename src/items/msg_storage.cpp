@@ -346,7 +346,8 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
     checkHeaderCount(context.header, MsgLayout::recipientCountOffset, recipientRows.size(), L"recipient");
     checkHeaderCount(context.header, MsgLayout::attachmentCountOffset, attachmentRows.size(), L"attachment");
     readRows(storage, recipientRows, L"recipient", context, message.recipients);
-    readRows(storage, attachmentRows, L"attachment", context, message.attachments);
+    if (context.limits.readAttachments)
+        readRows(storage, attachmentRows, L"attachment", context, message.attachments);
 
     hr = message.skipped.empty() ? S_OK : S_FALSE;
     KV_DEBUG(logger) << ")readStoredMessage=" << hrText(hr) << ", properties=" << message.properties.size()

@@ -47,6 +47,7 @@ struct StoredMessage {
 struct StoredReadLimits {
     size_t maxValueBytes = size_t(64) << 20; // one value's stream
     size_t maxRows = 8192;                   // recipient storages; attachment storages
+    bool readAttachments = true;             // false: only the message and its recipients
 };
 
 // Reads the message's properties, its recipient rows and its attachments'
