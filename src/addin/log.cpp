@@ -11,13 +11,14 @@ LogFile& LogFile::instance()
 
 void LogFile::open(const std::wstring& path, int level, bool append)
 {
+    // The file is opened without write sharing: a handle still open on the
+    // same path must go first, or the new open fails and logging falls silent.
+    close();
     HANDLE handle = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
                                 append ? OPEN_ALWAYS : CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle != INVALID_HANDLE_VALUE && append)
         SetFilePointer(handle, 0, nullptr, FILE_END);
     std::lock_guard<std::mutex> guard(lock_);
-    if (handle_ != INVALID_HANDLE_VALUE)
-        CloseHandle(handle_);
     handle_ = handle;
     level_ = level;
 }

@@ -22,7 +22,7 @@ public:
 
     // Opens (or creates) the file; the level is set even when that fails, so
     // the filter holds while nothing is written. A file still open from an
-    // earlier call is closed rather than leaked.
+    // earlier call is closed first, so the same path can be opened again.
     void open(const std::wstring& path, int level, bool append);
     void close();
     void write(int level, const std::wstring& text);

@@ -135,3 +135,19 @@ TEST(LogThreads, WholeLinesNeverInterleave)
     }
     EXPECT_EQ(lines, static_cast<size_t>(threadCount * linesPerThread));
 }
+
+TEST(LogOpening, ReopeningTheSamePathKeepsLogging)
+{
+    ScratchFolder folder;
+    const std::wstring path = folder.file(L"again.log");
+    LogFile::instance().open(path, LOG_INFO, true);
+    KV_INFO(testLogger) << "first connection";
+    // A second connection in the same process configures the log again.
+    LogFile::instance().open(path, LOG_INFO, true);
+    EXPECT_TRUE(LogFile::instance().isOpen());
+    KV_INFO(testLogger) << "second connection";
+    LogFile::instance().close();
+    const std::string text = readBytes(path);
+    EXPECT_NE(text.find("first connection"), std::string::npos);
+    EXPECT_NE(text.find("second connection"), std::string::npos);
+}
