@@ -28,6 +28,15 @@ test: build
 bench: build
 	WINEPREFIX=$(abspath $(BUILD)/x64/wineprefix) WINEDEBUG=-all WINEDLLOVERRIDES="mapi32=" \
 	    wine $(BUILD)/x64/bin/bench_items.exe
+	WINEPREFIX=$(abspath $(BUILD)/x64/wineprefix) WINEDEBUG=-all WINEDLLOVERRIDES="mapi32=" \
+	    wine $(BUILD)/x64/bin/bench_filedrop.exe
+	WINEPREFIX=$(abspath $(BUILD)/x64/wineprefix) WINEDEBUG=-all wine $(BUILD)/x64/bin/bench_hooks.exe
+	sh scripts/demo.sh $(BUILD)/x64 bench
+
+# The README's main job, end to end: the Outlook stand-in drags and pastes
+# through the registered add-in into a drop target, under a virtual display.
+demo: build
+	sh scripts/demo.sh $(BUILD)/x64 demo
 
 clean:
 	rm -rf $(BUILD)

@@ -6,7 +6,8 @@ import argparse
 import struct
 import sys
 
-EXPECTED_EXPORTS = {"EncodeBase64", "DecodeBase64"}
+EXPECTED_EXPORTS = {"EncodeBase64", "DecodeBase64", "DllGetClassObject", "DllCanUnloadNow", "DllRegisterServer",
+                    "DllUnregisterServer", "DllInstall"}
 FORBIDDEN_IMPORTS = ("libstdc++", "libgcc", "libwinpthread")
 MACHINES = {"x64": (0x8664, 0x20B), "x86": (0x14C, 0x10B)}
 

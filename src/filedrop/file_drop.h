@@ -38,4 +38,10 @@ std::wstring insertParamsIntoFileName(const std::wstring& path, const std::wstri
                                       const std::wstring& receiveDate);
 std::wstring variantToString(const VARIANT& value);
 
+// The steps of the renaming through Outlook's object model (late bound):
+// the mail item that CreateItemFromTemplate makes of a .msg file (null on
+// failure), and one of its properties read by name.
+Microsoft::WRL::ComPtr<IDispatch> createMailItem(IDispatch* outlookApplication, const std::wstring& path);
+HRESULT getMailItemProperty(IDispatch* mailItem, const wchar_t* name, VARIANT* value);
+
 } // namespace FileDrop

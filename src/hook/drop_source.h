@@ -6,6 +6,7 @@
 #include <wrl/client.h>
 
 #include <memory>
+#include <string>
 
 #include "items/dd_item.h"
 
@@ -34,3 +35,11 @@ private:
 // Tells the user, through a balloon of the notification area, that the dragged
 // mails could not all be saved (title and text from the resource bundle).
 void notifySaveFailed();
+
+// The balloon itself: an error icon with `title` and `text` in the
+// notification area, owned by `owner`, for 3000 ms; false when the shell
+// refused it. The icon is taken away again once the balloon has had its time.
+bool showErrorBalloon(HWND owner, const std::wstring& title, const std::wstring& text);
+
+// The id of that icon beside its owner window.
+inline constexpr UINT errorBalloonIconId = 0x4B56;

@@ -197,6 +197,21 @@ bool setRegValue(const std::wstring& keyName, const std::wstring& valueName, con
     return ok;
 }
 
+bool setRegDwordValue(const std::wstring& keyName, const std::wstring& valueName, DWORD value)
+{
+    KV_DEBUG(logger) << "setRegDwordValue(keyName=" << keyName << ", valueName=" << valueName << ", value=" << value;
+    const KeyPath keyPath = parseKeyPath(keyName);
+    UniqueRegKey key;
+    LSTATUS status = RegCreateKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                     KEY_ALL_ACCESS | currentView, nullptr, key.put(), nullptr);
+    if (status == ERROR_SUCCESS) {
+        status = RegSetValueExW(key.get(), valueName.empty() ? nullptr : valueName.c_str(), 0, REG_DWORD,
+                                reinterpret_cast<const BYTE*>(&value), sizeof value);
+    }
+    KV_DEBUG(logger) << ")setRegDwordValue=" << status;
+    return status == ERROR_SUCCESS;
+}
+
 bool deleteKey(const std::wstring& path)
 {
     const KeyPath keyPath = parseKeyPath(path);

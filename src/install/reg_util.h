@@ -39,6 +39,9 @@ std::wstring readString(const std::wstring& path);
 // Writes a REG_SZ value, creating the keys on the way.
 bool setRegValue(const std::wstring& keyName, const std::wstring& valueName, const std::wstring& value);
 
+// Writes a REG_DWORD value (Outlook's LoadBehavior), creating the keys on the way.
+bool setRegDwordValue(const std::wstring& keyName, const std::wstring& valueName, DWORD value);
+
 // Deletes the key and everything below it.
 bool deleteKey(const std::wstring& path);
 // deleteKey when the key can be opened; true when it is gone afterwards.

@@ -32,7 +32,7 @@ const wchar_t* const usedKeys[] = {
     L"ribbonTitle",         L"buttonGroup",         L"buttonActive",         L"buttonInactive",
     L"groupOptions",        L"labelFormat",         L"labelTextAsJson",      L"labelTextAsJsonNone",
     L"labelTextAsJsonTable", L"labelTextAsJsonJSON", L"labelAlwaysCopy",     L"labelDecrypt",
-    L"notifyDecryptionFailed", L"notifyErrorTitle",
+    L"notifyDecryptionFailed", L"notifyErrorTitle",     L"notifySaveFailed",
 };
 
 } // namespace

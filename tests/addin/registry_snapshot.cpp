@@ -1,0 +1,63 @@
+#include "registry_snapshot.h"
+
+#include "common/unique_resource.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+void collect(HKEY key, const std::wstring& path, RegistrySnapshot& snapshot)
+{
+    snapshot.insert(path);
+    DWORD subKeys = 0, longestSubKey = 0, values = 0, longestValue = 0;
+    if (RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &subKeys, &longestSubKey, nullptr, &values, &longestValue,
+                         nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+        return;
+    std::wstring name(std::max(longestValue, longestSubKey) + 2, L'\0');
+    for (DWORD index = 0; index < values; ++index) {
+        DWORD length = static_cast<DWORD>(name.size());
+        if (RegEnumValueW(key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS)
+            snapshot.insert(path + L"|" + name.substr(0, length));
+    }
+    for (DWORD index = 0; index < subKeys; ++index) {
+        DWORD length = static_cast<DWORD>(name.size());
+        if (RegEnumKeyExW(key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            continue;
+        const std::wstring child = name.substr(0, length);
+        UniqueRegKey childKey;
+        if (RegOpenKeyExW(key, child.c_str(), 0, KEY_READ, childKey.put()) == ERROR_SUCCESS)
+            collect(childKey.get(), path + L"\\" + child, snapshot);
+    }
+}
+
+} // namespace
+
+RegistrySnapshot takeRegistrySnapshot()
+{
+    RegistrySnapshot snapshot;
+    const struct {
+        HKEY root;
+        const wchar_t* name;
+    } roots[] = {{HKEY_LOCAL_MACHINE, L"HKLM"}, {HKEY_CURRENT_USER, L"HKCU"}};
+    for (const auto& root : roots) {
+        UniqueRegKey software;
+        if (RegOpenKeyExW(root.root, L"Software", 0, KEY_READ, software.put()) == ERROR_SUCCESS)
+            collect(software.get(), std::wstring(root.name) + L"\\Software", snapshot);
+    }
+    return snapshot;
+}
+
+std::vector<std::wstring> registryChanges(const RegistrySnapshot& before, const RegistrySnapshot& after)
+{
+    std::vector<std::wstring> added, removed, changes;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(added));
+    std::set_difference(before.begin(), before.end(), after.begin(), after.end(), std::back_inserter(removed));
+    for (const auto& entry : added)
+        changes.push_back(L"+ " + entry);
+    for (const auto& entry : removed)
+        changes.push_back(L"- " + entry);
+    return changes;
+}
