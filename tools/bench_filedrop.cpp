@@ -205,8 +205,10 @@ int main(int argc, char** argv)
     PathList paths;
     for (int i = 0; i < attachmentCount; ++i)
         paths.push_back(directRoot + L"\\attachment " + std::to_wstring(i) + L".pdf");
+    // Rendered only when a target asks for it, so it is not part of the row
+    // above; a target that asks pays this at its GetData.
     const double idList = medianOf([] {}, [&] { GlobalFree(CreateSHELLIDLIST(paths)); });
-    std::printf("| %-58s | %9.1f ms | %12s | %5s | %-8s |\n", "  of which \"Shell IDList Array\" (CreateSHELLIDLIST)",
+    std::printf("| %-58s | %9.1f ms | %12s | %5s | %-8s |\n", "  \"Shell IDList Array\" on request (CreateSHELLIDLIST)",
                 idList, "-", "-", "");
 
     // One cleanup pass over 10,000 old files in 10 drag folders.

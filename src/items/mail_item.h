@@ -8,7 +8,12 @@
 
 #include "items/converter_session.h"
 #include "items/dd_item.h"
+#include "items/eml_message.h"
 #include "items/mail_properties.h"
+#include "items/msg_storage.h"
+
+#include <functional>
+#include <vector>
 
 class Globals;
 
@@ -36,6 +41,10 @@ public:
     HRESULT saveAsEml(const std::wstring& msgFileName);
     HRESULT saveAsEmlWithRedemption(const std::wstring& msgFileName, int format);
     HRESULT saveAsEmlWithOutlook(const std::wstring& msgFileName);
+    // Korvane's own MIME writer, for when the converter can't be created or
+    // fails: the .eml from the properties of the message in hand (the
+    // decrypted copy once saveAsEmlWithOutlook switched to it).
+    HRESULT saveAsEmlWithOwnWriter();
     HRESULT replaceEmlHeadersAndWrite(IStream* memoryStream, IStream* fileStream);
     void setFileTimeToReceivedAt();
 
@@ -54,6 +63,13 @@ private:
     HRESULT copyStorageThroughDocfile(const std::wstring& path);
     void resolveExchangeAddresses();
     Microsoft::WRL::ComPtr<IConverterSession> createConverter();
+    // Opens the target file and lets `writeMime` write the whole mail into a
+    // stream: straight into the file, or, with ExtractMailAddress on, into
+    // memory and through the address-header rewrite. Both writers share it.
+    // `expectedSize`, when known, lets the memory grow once.
+    HRESULT writeEmlFile(const std::function<HRESULT(IStream*)>& writeMime, ULONGLONG expectedSize = 0);
+    // The properties the own writer needs, the way the item read its message.
+    HRESULT readEmlProperties(StoredProperties& message, std::vector<EmlAttachmentSource>& attachments);
 
     Globals& settings_;
     MailProperties properties_;

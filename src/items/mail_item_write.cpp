@@ -1,5 +1,5 @@
 // Writing a mail item's file: the .msg copy of Outlook's storage, and the
-// .eml through Redemption or Outlook's MIME converter.
+// .eml through Redemption, Outlook's MIME converter or Korvane's own writer.
 #include "items/mail_item.h"
 
 #include "addin/globals.h"
@@ -9,6 +9,11 @@
 #include "common/hresult.h"
 #include "common/strings.h"
 #include "items/eml_headers.h"
+#include "items/eml_message.h"
+#include "items/eml_properties_mapi.h"
+#include "items/eml_properties_storage.h"
+#include "items/eml_writer.h"
+#include "items/mapi_library.h"
 #include "items/outlook_objects.h"
 #include "items/compound_file_writer.h"
 #include "items/stream_copy.h"
@@ -102,6 +107,12 @@ HRESULT MailItem::saveAsEml(const std::wstring& msgFileName)
         hr = saveAsEmlWithRedemption(msgFileName, format);
     if (format < 0 || hr != S_OK)
         hr = saveAsEmlWithOutlook(msgFileName);
+    if (FAILED(hr)) {
+        // No converter here (Outlook alone has one), or it failed: the mail
+        // is written from its properties.
+        KV_INFO(logger) << "MIME converter not usable, hr=" << hr << ", using Korvane's MIME writer";
+        hr = saveAsEmlWithOwnWriter();
+    }
     return hr;
 }
 
@@ -182,28 +193,87 @@ HRESULT MailItem::saveAsEmlWithOutlook(const std::wstring& msgFileName)
     if (!converter)
         return REGDB_E_CLASSNOTREG;
 
+    hr = writeEmlFile([&](IStream* target) {
+        const HRESULT converted = converter->MAPIToMIMEStm(message_.Get(), target, mimeConversionFlags);
+        KV_DEBUG(logger) << "to mime stream, hr=" << converted;
+        return converted;
+    });
+    if (FAILED(hr)) {
+        KV_ERROR(logger) << "converter->MAPIToMIMEStm failed for " << fileName_ << ", hr=" << hr;
+    } else {
+        KV_INFO(logger) << "EML of " << fileName_ << " written by Outlook's MIME converter";
+    }
+    return hr;
+}
+
+HRESULT MailItem::writeEmlFile(const std::function<HRESULT(IStream*)>& writeMime, ULONGLONG expectedSize)
+{
     Microsoft::WRL::ComPtr<IStream> fileStream;
-    hr = SHCreateStreamOnFileEx(fileName_.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_WRITE,
-                                FILE_ATTRIBUTE_NORMAL, TRUE, nullptr, &fileStream);
+    HRESULT hr = SHCreateStreamOnFileEx(fileName_.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_WRITE,
+                                        FILE_ATTRIBUTE_NORMAL, TRUE, nullptr, &fileStream);
     if (FAILED(hr)) {
         KV_ERROR(logger) << "SHCreateStreamOnFileEx failed for fileName=" << fileName_ << ", hr=" << hr;
         return hr;
     }
-
-    if (settings_.getExtractMailAddress()) {
-        KV_DEBUG(logger) << "convert to memory.";
-        Microsoft::WRL::ComPtr<IStream> memoryStream;
-        RETURN_IF_FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &memoryStream));
-        hr = converter->MAPIToMIMEStm(message_.Get(), memoryStream.Get(), mimeConversionFlags);
-        KV_DEBUG(logger) << "to mime stream, hr=" << hr;
-        if (SUCCEEDED(hr))
-            hr = replaceEmlHeadersAndWrite(memoryStream.Get(), fileStream.Get());
-    } else {
+    if (!settings_.getExtractMailAddress()) {
         KV_DEBUG(logger) << "convert directly to file.";
-        hr = converter->MAPIToMIMEStm(message_.Get(), fileStream.Get(), mimeConversionFlags);
+        return writeMime(fileStream.Get());
     }
+    KV_DEBUG(logger) << "convert to memory.";
+    Microsoft::WRL::ComPtr<IStream> memoryStream;
+    RETURN_IF_FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &memoryStream));
+    if (expectedSize > 0) {
+        // A memory stream grows write by write, copying itself each time:
+        // quadratic for a mail with a large attachment.
+        ULARGE_INTEGER size{};
+        size.QuadPart = expectedSize;
+        RETURN_IF_FAILED(memoryStream->SetSize(size));
+    }
+    RETURN_IF_FAILED(writeMime(memoryStream.Get()));
+    if (expectedSize > 0) {
+        // What was written ends where the writer stopped, not where the memory does.
+        ULARGE_INTEGER end{};
+        RETURN_IF_FAILED(memoryStream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end));
+        RETURN_IF_FAILED(memoryStream->SetSize(end));
+    }
+    return replaceEmlHeadersAndWrite(memoryStream.Get(), fileStream.Get());
+}
+
+HRESULT MailItem::readEmlProperties(StoredProperties& message, std::vector<EmlAttachmentSource>& attachments)
+{
+    const MapiFunctions* mapi = mapiFunctions();
+    if (!message_ || !mapi)
+        return readEmlSourcesFromStorage(storage_.Get(), message, attachments);
+    RETURN_IF_FAILED(readPropertyMapThroughMapi(message_.Get(), *mapi, emlMessageTags(), message));
+    const HRESULT hr = readAttachmentsThroughMapi(message_.Get(), *mapi, emlAttachmentTags(), attachments);
+    if (SUCCEEDED(hr))
+        return hr;
+    // A message opened on a storage has its attachments in that storage too.
+    KV_INFO(logger) << "no attachment table through MAPI, hr=" << hr << ", attachments read from the storage";
+    StoredProperties unused;
+    return readEmlSourcesFromStorage(storage_.Get(), unused, attachments);
+}
+
+HRESULT MailItem::saveAsEmlWithOwnWriter()
+{
+    if (!storage_)
+        return E_UNEXPECTED;
+    ensureRead();
+    StoredProperties properties;
+    std::vector<EmlAttachmentSource> attachments;
+    HRESULT hr = readEmlProperties(properties, attachments);
     if (FAILED(hr)) {
-        KV_ERROR(logger) << "converter->MAPIToMIMEStm failed for " << fileName_ << ", hr=" << hr;
+        KV_ERROR(logger) << "properties for the EML of " << fileName_ << " can't be read, hr=" << hr;
+        return hr;
+    }
+    const EmlMessage eml = collectEmlMessage(properties, std::move(attachments), properties_);
+    hr = writeEmlFile([&eml](IStream* target) { return writeEml(eml, target); }, emlSizeEstimate(eml));
+    if (FAILED(hr)) {
+        KV_ERROR(logger) << "Korvane's MIME writer failed for " << fileName_ << ", hr=" << hr;
+    } else {
+        KV_INFO(logger) << "EML of " << fileName_ << " written by Korvane's MIME writer (properties through "
+                        << (message_ ? L"MAPI" : L"storage") << ", " << eml.attachments.size() << " attachments, "
+                        << eml.attachmentsLeftOut << " left out)";
     }
     return hr;
 }

@@ -17,6 +17,8 @@ namespace {
 
 const Logger logger("MailItem");
 
+constexpr uint32_t attachDataBinTag = 0x37010102; // PR_ATTACH_DATA_BIN
+
 // Children of a compound file can only be opened exclusively; reading is all we do.
 constexpr DWORD childMode = STGM_READ | STGM_SHARE_EXCLUSIVE;
 
@@ -137,6 +139,7 @@ struct ReadContext {
     std::vector<SkippedValue>& skipped;
     std::string scratch; // the properties stream being parsed, reused storage by storage
     std::string header;  // its header
+    bool leaveAttachmentData = false; // while attachment storages are read without their bytes
 
     void skip(const std::wstring& where, uint32_t tag, HRESULT hr) { skipped.push_back(SkippedValue{where, tag, hr}); }
 };
@@ -196,6 +199,10 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
                              << " is multi-valued with one stream per value, not read";
             break;
         case MsgLayout::ValueKind::Streamed: {
+            if (context.leaveAttachmentData && tag == attachDataBinTag) {
+                properties.emplace(id, StoredProperty{tag, std::string()});
+                break;
+            }
             std::string value;
             const HRESULT valueHr = readStreamedValue(storage, where, tag, readLe32(entry + 8), context.limits, value);
             if (FAILED(valueHr))
@@ -277,7 +284,7 @@ HRESULT findRowStorages(IStorage* storage, std::vector<RowStorage>& recipients, 
 }
 
 void readRows(IStorage* storage, const std::vector<RowStorage>& rows, const wchar_t* kind, ReadContext& context,
-              std::vector<StoredProperties>& target)
+              std::vector<StoredProperties>& target, std::vector<std::wstring>* names = nullptr)
 {
     const size_t count = std::min(rows.size(), context.limits.maxRows);
     if (rows.size() > count) {
@@ -304,6 +311,8 @@ void readRows(IStorage* storage, const std::vector<RowStorage>& rows, const wcha
             continue;
         }
         target.push_back(std::move(properties));
+        if (names)
+            names->push_back(row.name);
     }
 }
 
@@ -346,8 +355,10 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
     checkHeaderCount(context.header, MsgLayout::recipientCountOffset, recipientRows.size(), L"recipient");
     checkHeaderCount(context.header, MsgLayout::attachmentCountOffset, attachmentRows.size(), L"attachment");
     readRows(storage, recipientRows, L"recipient", context, message.recipients);
-    if (context.limits.readAttachments)
-        readRows(storage, attachmentRows, L"attachment", context, message.attachments);
+    if (context.limits.readAttachments) {
+        context.leaveAttachmentData = !context.limits.readAttachmentData;
+        readRows(storage, attachmentRows, L"attachment", context, message.attachments, &message.attachmentNames);
+    }
 
     hr = message.skipped.empty() ? S_OK : S_FALSE;
     KV_DEBUG(logger) << ")readStoredMessage=" << hrText(hr) << ", properties=" << message.properties.size()

@@ -40,6 +40,7 @@ struct StoredMessage {
     StoredProperties properties;
     std::vector<StoredProperties> recipients;  // in the order of their storage numbers
     std::vector<StoredProperties> attachments; // in the order of their storage numbers
+    std::vector<std::wstring> attachmentNames;  // the storage name of each of `attachments`
     std::vector<SkippedValue> skipped;         // what was left out, in the order met
 };
 
@@ -48,6 +49,10 @@ struct StoredReadLimits {
     size_t maxValueBytes = size_t(64) << 20; // one value's stream
     size_t maxRows = 8192;                   // recipient storages; attachment storages
     bool readAttachments = true;             // false: only the message and its recipients
+    // false: an attachment's PR_ATTACH_DATA_BIN is listed with empty bytes
+    // and left in its stream, for a caller that streams it from the storage
+    // named in attachmentNames rather than holding it in memory.
+    bool readAttachmentData = true;
 };
 
 // Reads the message's properties, its recipient rows and its attachments'

@@ -1,6 +1,7 @@
 // Mails saved the Windows way: the message opened through Extended MAPI
 // (the stand-in mapi32.dll beside this program, bound by ordinal), the .eml
-// made by Outlook's MIME converter (a stand-in registered with COM).
+// made by Outlook's MIME converter (a stand-in registered with COM) or,
+// without one, by Korvane's own writer.
 #include "items/mail_item.h"
 
 #include "addin/globals.h"
@@ -187,15 +188,40 @@ TEST_F(ConverterMail, ExtractMailAddressLeavesBareAddresses)
     EXPECT_EQ(eml.substr(after.bodyOffset), original.substr(before.bodyOffset));
 }
 
-TEST_F(ConverterMail, ConverterMissingFailsWithoutTouchingThePlaceholder)
+// Without a usable converter, Korvane's own writer makes the .eml from the
+// properties it reads through MAPI (the attachments, which this MAPI has no
+// table for, from the storage the message was opened on).
+TEST_F(ConverterMail, ConverterMissingLeavesTheEmlToTheOwnWriter)
 {
     converter.setCreationFailure(ConverterCreationFailure::ClassNotRegistered);
-    LogCapture log(LOG_WARN);
-    auto item = itemFor(richMail());
+    LogCapture log(LOG_INFO);
+    MsgContent mail = richMail();
+    mail.html = "<p>The figures.</p>";
+    mail.internetMessageId = L"<figures@example.org>";
+    mail.attachments = {{L"figures.csv", "a;b\r\n1;2\r\n", L"text/csv"}};
+    auto item = itemFor(mail);
     ASSERT_EQ(item->prepareFile(), S_OK);
-    EXPECT_TRUE(FAILED(item->save()));
-    EXPECT_NE(log.contents().find("CoCreateInstance failed for CLSID_IConverterSession"), std::string::npos);
-    EXPECT_EQ(readBytes(folder.file(L"mail.eml")), std::string(1, '\0'));
+    ASSERT_EQ(item->save(), S_OK);
+    EXPECT_STREQ(item->readWay(), L"MAPI");
+    const std::string text = log.contents();
+    EXPECT_NE(text.find("CoCreateInstance failed for CLSID_IConverterSession"), std::string::npos);
+    EXPECT_NE(text.find("written by Korvane's MIME writer (properties through MAPI, 1 attachments"),
+              std::string::npos)
+        << text;
+    const std::string eml = readBytes(folder.file(L"mail.eml"));
+    const EmlSplit split = splitEmlHeaders(eml);
+    ASSERT_TRUE(split.found) << eml;
+    EXPECT_TRUE(split.headers.starts_with("From: \"Anna Sender\" <anna@example.org>\r\n")) << eml;
+    EXPECT_NE(split.headers.find("Bcc: \"Dora\" <dora@example.org>\r\n"), std::string::npos) << eml;
+    EXPECT_NE(split.headers.find("Date: Sat, 30 Nov 2024 23:58:00 +0000\r\n"), std::string::npos) << eml;
+    EXPECT_NE(split.headers.find("Message-ID: <figures@example.org>\r\n"), std::string::npos) << eml;
+    EXPECT_NE(eml.find("Content-Type: text/html; charset=\"utf-8\""), std::string::npos) << eml;
+    EXPECT_NE(eml.find("filename=\"figures.csv\""), std::string::npos) << eml;
+    EXPECT_NE(eml.find("YTtiDQoxOzINCg=="), std::string::npos) << eml; // base64 of the attachment
+    const FILETIME expected = utcFileTime(2024, 11, 30, 23, 59, 1);
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    GetFileAttributesExW(folder.file(L"mail.eml").c_str(), GetFileExInfoStandard, &data);
+    EXPECT_EQ(data.ftLastWriteTime.dwLowDateTime, expected.dwLowDateTime);
 }
 
 TEST_F(ConverterMail, ConverterWithoutItsInterfaceIsReported)
@@ -203,17 +229,23 @@ TEST_F(ConverterMail, ConverterWithoutItsInterfaceIsReported)
     converter.setCreationFailure(ConverterCreationFailure::NoConverterInterface);
     LogCapture log(LOG_WARN);
     auto item = itemFor(richMail());
-    EXPECT_TRUE(FAILED(item->save()));
+    EXPECT_EQ(item->save(), S_OK);
     EXPECT_NE(log.contents().find("converterUnk->QueryInterface failed"), std::string::npos);
 }
 
-TEST_F(ConverterMail, FailedConversionIsReported)
+TEST_F(ConverterMail, FailedConversionIsReportedAndTheOwnWriterTakesOver)
 {
     converter.setConversionFails(true);
-    LogCapture log(LOG_ERROR);
+    settings.setExtractMailAddress(true);
+    LogCapture log(LOG_INFO);
     auto item = itemFor(richMail());
-    EXPECT_TRUE(FAILED(item->save()));
+    EXPECT_EQ(item->save(), S_OK);
     EXPECT_NE(log.contents().find("converter->MAPIToMIMEStm failed for"), std::string::npos);
+    EXPECT_NE(log.contents().find("written by Korvane's MIME writer"), std::string::npos);
+    // Nothing of the converter's half-written mail is left; the rewrite ran on the own output.
+    const std::string eml = readBytes(folder.file(L"mail.eml"));
+    EXPECT_NE(eml.find("To: <bob@example.org>,\r\n <eve@example.org>\r\n"), std::string::npos) << eml;
+    EXPECT_TRUE(eml.starts_with("From: <anna@example.org>\r\n")) << eml;
 }
 
 TEST_F(ConverterMail, EncryptedMailIsConvertedFromItsDecryptedCopy)

@@ -1,0 +1,25 @@
+#pragma once
+// Korvane's own Internet mail writer, for when Outlook's MIME converter is
+// not there or fails. The header block puts the address headers first
+// (From, Sender, To, Cc, Bcc), then Subject, Date and the identifiers, and
+// ends with MIME-Version and the content headers: the address-header rewrite
+// never looks at a block's last header, so the headers it rewrites must not
+// stand there. The body is text/plain, or multipart/alternative when the
+// mail has HTML, inside multipart/mixed when it has attachments (base64).
+// CRLF throughout; no line beyond 998 characters, base64 lines of 76.
+#include "items/eml_message.h"
+
+#include <objidl.h>
+
+#include <string>
+
+// The header block up to and including MIME-Version, without the content
+// headers and without the blank line that ends the block.
+std::string emlMessageHeaders(const EmlMessage& message);
+
+// About how many bytes writeEml writes (at least that many, as a rule):
+// for growing a memory stream once rather than write by write.
+ULONGLONG emlSizeEstimate(const EmlMessage& message);
+
+// The whole mail into `stream` (from its current position), in large writes.
+HRESULT writeEml(const EmlMessage& message, IStream* stream);

@@ -1,0 +1,146 @@
+// Gathering a mail's .eml content from its property maps: which attachments
+// can be written, names and types when the mail lacks them, the HTML body's
+// code page, the date and the From address.
+#include "items/eml_message.h"
+
+#include "common/strings.h"
+#include "items/property_text.h"
+#include "support/msg_builder.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace Id = EmlPropertyId;
+
+void put(StoredProperties& properties, const StoredProperty& property)
+{
+    properties[propertyIdOf(property.tag)] = property;
+}
+
+StoredProperty binaryProperty(uint16_t id, std::string bytes)
+{
+    return StoredProperty{static_cast<uint32_t>(id) << 16 | PropertyType::Binary, std::move(bytes)};
+}
+
+EmlAttachmentSource attachmentRow(uint32_t method, const std::wstring& longName, const std::string* data)
+{
+    EmlAttachmentSource source;
+    StoredProperties& row = source.properties;
+    put(row, longProperty(Id::attachMethod, method));
+    if (!longName.empty())
+        put(row, unicodeProperty(Id::attachLongFileName, longName));
+    if (data)
+        put(row, binaryProperty(Id::attachDataBin, *data));
+    return source;
+}
+
+MailProperties someAddresses()
+{
+    MailProperties addresses;
+    addresses.sender = {L"Anna", L"anna@example.org", L"", L"SMTP"};
+    addresses.bcc = {{L"Dora", L"dora@example.org", L"", L"SMTP"}};
+    return addresses;
+}
+
+} // namespace
+
+TEST(EmlMessageCollection, OnlyAttachmentsWithTheirOwnBytesAreWritten)
+{
+    const std::string bytes = "data";
+    const std::string empty;
+    std::vector<EmlAttachmentSource> rows = {
+        attachmentRow(1, L"by value.pdf", &bytes),
+        attachmentRow(4, L"link.lnk", nullptr),      // by reference: only a path
+        attachmentRow(5, L"embedded.msg", nullptr),  // an embedded message's storage
+        attachmentRow(1, L"empty.txt", &empty),
+        attachmentRow(1, L"unreadable.bin", nullptr), // its bytes were left out by the reader
+    };
+    const EmlMessage eml = collectEmlMessage({}, std::move(rows), someAddresses());
+    ASSERT_EQ(eml.attachments.size(), 2u);
+    EXPECT_EQ(eml.attachments[0].fileName, L"by value.pdf");
+    EXPECT_EQ(eml.attachments[0].bytes, "data");
+    EXPECT_EQ(eml.attachments[0].mimeType, L"application/pdf");
+    EXPECT_EQ(eml.attachments[1].fileName, L"empty.txt");
+    EXPECT_EQ(eml.attachments[1].bytes, "");
+    EXPECT_EQ(eml.attachmentsLeftOut, 3u);
+    EXPECT_EQ(eml.bcc.size(), 1u);
+}
+
+TEST(EmlMessageCollection, AnAttachmentWithADataStreamKeepsItOpenForTheWriter)
+{
+    std::vector<EmlAttachmentSource> rows;
+    rows.push_back(attachmentRow(1, L"big.bin", nullptr));
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &rows[0].dataStream), S_OK);
+    const Microsoft::WRL::ComPtr<IStream> stream = rows[0].dataStream;
+    const EmlMessage eml = collectEmlMessage({}, std::move(rows), {});
+    ASSERT_EQ(eml.attachments.size(), 1u);
+    EXPECT_EQ(eml.attachments[0].dataStream.Get(), stream.Get());
+    EXPECT_EQ(eml.attachmentsLeftOut, 0u);
+}
+
+TEST(EmlMessageCollection, NamesAndTypesWhenTheAttachmentLacksThem)
+{
+    const std::string bytes = "x";
+    EmlAttachmentSource shortOnly = attachmentRow(1, L"", &bytes);
+    put(shortOnly.properties, unicodeProperty(Id::attachFileName, L"REPORT~1.PNG"));
+    EmlAttachmentSource nameless = attachmentRow(1, L"", &bytes);
+    put(nameless.properties, unicodeProperty(Id::attachExtension, L".csv"));
+    EmlAttachmentSource declared = attachmentRow(1, L"a.bin", &bytes);
+    put(declared.properties, unicodeProperty(Id::attachMimeTag, L" image/svg+xml "));
+    EmlAttachmentSource broken = attachmentRow(1, L"b.unknown", &bytes);
+    put(broken.properties, unicodeProperty(Id::attachMimeTag, L"text/plain\r\nX-Evil: 1"));
+    const EmlMessage eml = collectEmlMessage({}, {shortOnly, nameless, declared, broken}, someAddresses());
+    ASSERT_EQ(eml.attachments.size(), 4u);
+    EXPECT_EQ(eml.attachments[0].fileName, L"REPORT~1.PNG");
+    EXPECT_EQ(eml.attachments[0].mimeType, L"image/png");
+    EXPECT_EQ(eml.attachments[1].fileName, L"attachment2.csv");
+    EXPECT_EQ(eml.attachments[1].mimeType, L"text/csv");
+    EXPECT_EQ(eml.attachments[2].mimeType, L"image/svg+xml");
+    EXPECT_EQ(eml.attachments[3].mimeType, L"application/octet-stream");
+}
+
+TEST(EmlMessageCollection, HtmlBodyBecomesUtf8FromItsCodePage)
+{
+    StoredProperties message;
+    put(message, binaryProperty(Id::html, "<p>Gr\xFC\xDF" "e \x80</p>"));
+    put(message, longProperty(Id::internetCodepage, 1252));
+    EXPECT_EQ(collectEmlMessage(message, {}, {}).htmlUtf8, "<p>Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC</p>");
+
+    // Without a code page: UTF-8 stays as it is, anything else is read as Windows-1252.
+    StoredProperties utf8;
+    put(utf8, binaryProperty(Id::html, "<p>\xC3\xA4</p>"));
+    EXPECT_EQ(collectEmlMessage(utf8, {}, {}).htmlUtf8, "<p>\xC3\xA4</p>");
+    StoredProperties latin;
+    put(latin, binaryProperty(Id::html, "<p>\xE4</p>"));
+    EXPECT_EQ(collectEmlMessage(latin, {}, {}).htmlUtf8, "<p>\xC3\xA4</p>");
+    EXPECT_EQ(collectEmlMessage({}, {}, {}).htmlUtf8, "");
+}
+
+TEST(EmlMessageCollection, DateIsTheSubmitTimeElseTheDeliveryTime)
+{
+    StoredProperties message;
+    put(message, timeProperty(Id::deliveryTime, utcFileTime(2024, 1, 2, 3, 4, 5)));
+    EmlMessage eml = collectEmlMessage(message, {}, {});
+    ASSERT_TRUE(eml.date.has_value());
+    EXPECT_EQ(isoTimeOf(*eml.date), L"2024-01-02T03:04:05Z");
+    put(message, timeProperty(Id::clientSubmitTime, utcFileTime(2024, 1, 2, 3, 0, 0)));
+    eml = collectEmlMessage(message, {}, {});
+    EXPECT_EQ(isoTimeOf(*eml.date), L"2024-01-02T03:00:00Z");
+    EXPECT_FALSE(collectEmlMessage({}, {}, {}).date.has_value());
+}
+
+TEST(EmlMessageCollection, FromIsTheRepresentedPersonWhenAnSmtpAddressIsKnown)
+{
+    StoredProperties exchange;
+    put(exchange, unicodeProperty(Id::sentRepresentingName, L"Boss"));
+    put(exchange, unicodeProperty(Id::sentRepresentingAddrType, L"EX"));
+    put(exchange, unicodeProperty(Id::sentRepresentingEmail, L"/O=CORP/CN=BOSS"));
+    // An Exchange entry without its SMTP address: the sender stands in.
+    EXPECT_EQ(collectEmlMessage(exchange, {}, someAddresses()).from.mailAddress, L"anna@example.org");
+    put(exchange, unicodeProperty(Id::sentRepresentingSmtpAddress, L"boss@corp.example"));
+    const EmlMessage eml = collectEmlMessage(exchange, {}, someAddresses());
+    EXPECT_EQ(eml.from.name, L"Boss");
+    EXPECT_EQ(eml.from.mailAddress, L"boss@corp.example");
+    EXPECT_EQ(eml.sender.mailAddress, L"anna@example.org");
+}
