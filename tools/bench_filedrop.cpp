@@ -5,6 +5,8 @@
 //   only prepared, against creating the same empty files of the same sizes;
 // - one cleanup pass over 10,000 old files in 10 drag folders, against
 //   deleting the same files one by one.
+#include "bench_timing.h"
+
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "dataobject/clipboard_formats.h"
@@ -24,30 +26,15 @@
 namespace {
 
 using Microsoft::WRL::ComPtr;
-using Clock = std::chrono::steady_clock;
 
 constexpr int rounds = 5;
 constexpr int attachmentCount = 1000;
 constexpr int cleanupFolders = 10;
 constexpr int cleanupFilesPerFolder = 1000;
 
-double millisecondsOf(const std::function<void()>& work)
-{
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-// The median of several runs, each after its own preparation (not timed).
 double medianOf(const std::function<void()>& prepare, const std::function<void()>& work)
 {
-    std::vector<double> times;
-    for (int i = 0; i < rounds; ++i) {
-        prepare();
-        times.push_back(millisecondsOf(work));
-    }
-    std::sort(times.begin(), times.end());
-    return times[times.size() / 2];
+    return ::medianOf(rounds, prepare, work);
 }
 
 void deleteTree(const std::wstring& path)
@@ -145,8 +132,7 @@ size_t countEntries(const std::wstring& root)
 
 void row(const char* what, double korvane, double reference, const char* target)
 {
-    std::printf("| %-58s | %9.1f ms | %9.1f ms | %5.2f | %-8s |\n", what, korvane, reference, korvane / reference,
-                target);
+    printComparisonRow(58, what, korvane, reference, target);
 }
 
 } // namespace

@@ -7,6 +7,8 @@
 // Under Wine none of the Office modules exists, so their LoadLibraryA fails
 // at once; on a machine with Office they are loaded (or found loaded) and
 // walked like the executable.
+#include "bench_timing.h"
+
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "hook/drag_entry.h"
@@ -23,20 +25,12 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 
 constexpr int rounds = 21;
 
 // Calls whose names the bench imports, so its table looks like Outlook's.
 [[maybe_unused]] void* const importedLikeOutlook[] = {reinterpret_cast<void*>(&DoDragDrop),
                                                       reinterpret_cast<void*>(&OleSetClipboard)};
-
-double millisecondsOf(const std::function<void()>& work)
-{
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 struct Figures {
     double first, median, max;

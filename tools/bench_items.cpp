@@ -3,6 +3,8 @@
 //   bench_items [folder]
 // Run it under Wine with mapi32 switched off (WINEDLLOVERRIDES=mapi32=), as
 // `make bench` does, so mails are read from their storage.
+#include "bench_timing.h"
+
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "common/unique_resource.h"
@@ -23,25 +25,12 @@
 namespace {
 
 using Microsoft::WRL::ComPtr;
-using Clock = std::chrono::steady_clock;
 
 constexpr int rounds = 5;
 
-double millisecondsOf(const std::function<void()>& work)
-{
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-// The median of several runs, so one slow disk flush doesn't decide.
 double medianOf(const std::function<void()>& work)
 {
-    std::vector<double> times;
-    for (int i = 0; i < rounds; ++i)
-        times.push_back(millisecondsOf(work));
-    std::sort(times.begin(), times.end());
-    return times[times.size() / 2];
+    return ::medianOf(rounds, [] {}, work);
 }
 
 bool writeFileOfSize(const std::wstring& path, ULONGLONG size)
@@ -62,8 +51,7 @@ bool writeFileOfSize(const std::wstring& path, ULONGLONG size)
 
 void row(const char* what, double korvane, double reference, const char* target)
 {
-    std::printf("| %-52s | %9.1f ms | %9.1f ms | %5.2f | %-8s |\n", what, korvane, reference, korvane / reference,
-                target);
+    printComparisonRow(52, what, korvane, reference, target);
 }
 
 } // namespace
