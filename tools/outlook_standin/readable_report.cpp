@@ -4,6 +4,7 @@
 #include "common/strings.h"
 #include "common/unique_resource.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -54,13 +55,31 @@ std::string sizeText(uint64_t size)
     return digits;
 }
 
-// Pads by characters (code points), not bytes, so Unicode names line up.
+// Columns a code point takes in a terminal: East Asian wide and full-width
+// characters take two.
+size_t columnsOf(uint32_t codePoint)
+{
+    const bool wide = (codePoint >= 0x1100 && codePoint <= 0x115F) || (codePoint >= 0x2E80 && codePoint <= 0xA4CF) ||
+                      (codePoint >= 0xAC00 && codePoint <= 0xD7A3) || (codePoint >= 0xF900 && codePoint <= 0xFAFF) ||
+                      (codePoint >= 0xFE30 && codePoint <= 0xFE4F) || (codePoint >= 0xFF00 && codePoint <= 0xFF60) ||
+                      (codePoint >= 0xFFE0 && codePoint <= 0xFFE6) || codePoint >= 0x20000;
+    return wide ? 2 : 1;
+}
+
+// Pads by terminal columns, not bytes, so Unicode names line up.
 std::string pad(const std::string& text, size_t width)
 {
-    size_t characters = 0;
-    for (unsigned char c : text)
-        characters += (c & 0xC0) != 0x80 ? 1 : 0;
-    return characters >= width ? text : text + std::string(width - characters, ' ');
+    size_t columns = 0;
+    for (size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const size_t length = lead < 0x80 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+        uint32_t codePoint = length == 1 ? lead : lead & (0xFF >> (length + 1));
+        for (size_t k = 1; k < length && i + k < text.size(); ++k)
+            codePoint = (codePoint << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+        columns += columnsOf(codePoint);
+        i += length;
+    }
+    return columns >= width ? text : text + std::string(width - columns, ' ');
 }
 
 std::string effectName(DWORD effect)
