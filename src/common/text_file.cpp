@@ -32,7 +32,7 @@ std::vector<std::wstring> splitUtf8Lines(std::string_view bytes, size_t maxLineC
     return lines;
 }
 
-std::optional<std::vector<std::wstring>> readUtf8Lines(const std::wstring& path, size_t maxLineChars)
+std::optional<std::string> readFileBytes(const std::wstring& path, size_t maxBytes)
 {
     UniqueFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -40,15 +40,21 @@ std::optional<std::vector<std::wstring>> readUtf8Lines(const std::wstring& path,
         return std::nullopt;
 
     std::string bytes;
-    char buffer[8192];
+    char buffer[65536];
     DWORD read = 0;
-    while (ReadFile(file.get(), buffer, sizeof buffer, &read, nullptr) && read > 0) {
-        const size_t room = maxTextFileBytes - bytes.size();
+    while (bytes.size() < maxBytes && ReadFile(file.get(), buffer, sizeof buffer, &read, nullptr) && read > 0) {
+        const size_t room = maxBytes - bytes.size();
         bytes.append(buffer, read < room ? read : room);
-        if (bytes.size() >= maxTextFileBytes)
-            break;
     }
-    return splitUtf8Lines(bytes, maxLineChars);
+    return bytes;
+}
+
+std::optional<std::vector<std::wstring>> readUtf8Lines(const std::wstring& path, size_t maxLineChars)
+{
+    const std::optional<std::string> bytes = readFileBytes(path, maxTextFileBytes);
+    if (!bytes)
+        return std::nullopt;
+    return splitUtf8Lines(*bytes, maxLineChars);
 }
 
 std::optional<std::pair<std::wstring, std::wstring>> splitKeyValue(std::wstring_view line)

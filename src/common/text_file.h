@@ -1,5 +1,6 @@
 #pragma once
 // Reading the add-in's small UTF-8 text files (install.cfg, resource_<language>.txt).
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +11,10 @@
 // and LF both end a line, invalid UTF-8 becomes U+FFFD, and a line longer than
 // maxLineChars is cut there (the rest of it is dropped).
 std::vector<std::wstring> splitUtf8Lines(std::string_view bytes, size_t maxLineChars);
+
+// The bytes of a file, at most maxBytes of them; nullopt when the file can't
+// be opened. Others may go on writing it while it is read.
+std::optional<std::string> readFileBytes(const std::wstring& path, size_t maxBytes = SIZE_MAX);
 
 // Reads a whole UTF-8 file into lines as splitUtf8Lines does; nullopt when the
 // file can't be opened or read.

@@ -2,6 +2,7 @@
 
 #include "addin/log.h"
 #include "common/module_path.h"
+#include "common/text_file.h"
 #include "common/unique_resource.h"
 #include "install/reg_util.h"
 
@@ -67,16 +68,7 @@ void writeBytes(const std::wstring& path, const std::string& bytes)
 
 std::string readBytes(const std::wstring& path)
 {
-    UniqueFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    std::string bytes;
-    if (!file)
-        return bytes;
-    char buffer[65536];
-    DWORD read = 0;
-    while (ReadFile(file.get(), buffer, sizeof buffer, &read, nullptr) && read > 0)
-        bytes.append(buffer, read);
-    return bytes;
+    return readFileBytes(path).value_or(std::string());
 }
 
 bool fileExists(const std::wstring& path)

@@ -1,6 +1,7 @@
 #include "drop_report.h"
 
 #include "common/strings.h"
+#include "common/text_file.h"
 #include "common/unique_resource.h"
 
 #include <sstream>
@@ -110,15 +111,10 @@ bool appendDropEvent(const std::wstring& reportPath, const DropEvent& event)
 std::vector<DropEvent> readDropReport(const std::wstring& reportPath)
 {
     std::vector<DropEvent> events;
-    UniqueFile file(CreateFileW(reportPath.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
+    const std::optional<std::string> report = readFileBytes(reportPath);
+    if (!report)
         return events;
-    std::string bytes;
-    char buffer[65536];
-    DWORD read = 0;
-    while (ReadFile(file.get(), buffer, sizeof(buffer), &read, nullptr) && read > 0)
-        bytes.append(buffer, read);
+    const std::string& bytes = *report;
 
     DropEvent current;
     std::istringstream lines(bytes);

@@ -3,6 +3,7 @@
 #include "drop_report.h"
 
 #include "common/strings.h"
+#include "common/text_file.h"
 #include "common/unique_resource.h"
 
 #include <cstdio>
@@ -55,16 +56,10 @@ void StandInResultWriter::write(const std::string& step,
 std::vector<StandInStep> readStandInResult(const std::wstring& path)
 {
     std::vector<StandInStep> steps;
-    UniqueFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
+    const std::optional<std::string> bytes = readFileBytes(path);
+    if (!bytes)
         return steps;
-    std::string bytes;
-    char buffer[16384];
-    DWORD read = 0;
-    while (ReadFile(file.get(), buffer, sizeof(buffer), &read, nullptr) && read > 0)
-        bytes.append(buffer, read);
-    std::istringstream lines(bytes);
+    std::istringstream lines(*bytes);
     std::string line;
     while (std::getline(lines, line)) {
         StandInStep step;

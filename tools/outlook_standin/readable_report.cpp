@@ -2,6 +2,7 @@
 #include "standin_session.h"
 
 #include "common/strings.h"
+#include "common/text_file.h"
 #include "common/unique_resource.h"
 
 #include <cstdint>
@@ -110,15 +111,10 @@ std::wstring defaultLogPath()
 std::vector<std::string> lastLines(const std::wstring& path, size_t count)
 {
     std::vector<std::string> lines;
-    UniqueFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                OPEN_EXISTING, 0, nullptr));
-    if (!file)
+    const std::optional<std::string> log = readFileBytes(path);
+    if (!log)
         return lines;
-    std::string bytes;
-    char buffer[65536];
-    DWORD read = 0;
-    while (ReadFile(file.get(), buffer, sizeof(buffer), &read, nullptr) && read > 0)
-        bytes.append(buffer, read);
+    const std::string& bytes = *log;
     size_t start = 0;
     while (start < bytes.size()) {
         size_t end = bytes.find('\n', start);
