@@ -1,7 +1,5 @@
 #include "common/strings.h"
 
-#include <windows.h>
-
 #include <climits>
 #include <cwctype>
 
@@ -14,32 +12,6 @@ std::wstring widen(std::string_view text)
     return wide;
 }
 
-std::wstring utf8ToWide(std::string_view text)
-{
-    if (text.empty())
-        return {};
-    const int size = static_cast<int>(text.size());
-    const int chars = MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0);
-    if (chars <= 0)
-        return {};
-    std::wstring wide(static_cast<size_t>(chars), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), chars);
-    return wide;
-}
-
-std::string wideToUtf8(std::wstring_view text)
-{
-    if (text.empty())
-        return {};
-    const int size = static_cast<int>(text.size());
-    const int bytes = WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
-    if (bytes <= 0)
-        return {};
-    std::string narrow(static_cast<size_t>(bytes), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), size, narrow.data(), bytes, nullptr, nullptr);
-    return narrow;
-}
-
 std::wstring trimBlanks(std::wstring_view text)
 {
     constexpr std::wstring_view blanks = L" \t\r\n";
@@ -48,12 +20,6 @@ std::wstring trimBlanks(std::wstring_view text)
         return {};
     const size_t last = text.find_last_not_of(blanks);
     return std::wstring(text.substr(first, last - first + 1));
-}
-
-bool equalsIgnoreCase(std::wstring_view a, std::wstring_view b)
-{
-    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
-           CSTR_EQUAL;
 }
 
 bool startsWith(std::wstring_view text, std::wstring_view prefix)

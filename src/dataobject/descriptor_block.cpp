@@ -1,6 +1,6 @@
 #include "dataobject/descriptor_block.h"
 
-#include "addin/log.h"
+#include "addin/log_line.h"
 
 #include <algorithm>
 #include <cstring>
@@ -23,20 +23,19 @@ void writeUint32(std::byte* at, uint32_t value)
     std::memcpy(at, &value, sizeof value);
 }
 
-// The name field of a wide descriptor is not aligned for wchar_t in every
-// block a caller may hand over, so units are copied byte-wise.
+// The name field of a wide descriptor is not aligned for 16-bit units in
+// every block a caller may hand over, so units are copied byte-wise, one by
+// one (a wide string's unit is 16 bits on Windows, wider elsewhere).
 std::wstring readWideName(const std::byte* field)
 {
-    size_t length = 0;
+    std::wstring name;
     uint16_t unit = 0;
-    while (length < nameUnits) {
-        std::memcpy(&unit, field + length * 2, sizeof unit);
+    for (size_t i = 0; i < nameUnits; ++i) {
+        std::memcpy(&unit, field + i * 2, sizeof unit);
         if (unit == 0)
             break;
-        ++length;
+        name.push_back(static_cast<wchar_t>(unit));
     }
-    std::wstring name(length, L'\0');
-    std::memcpy(name.data(), field, length * 2);
     return name;
 }
 
@@ -96,19 +95,19 @@ size_t convertAnsiToWide(Bytes ansiBlock, std::span<std::byte> wideBlock, const 
         return 0;
 
     writeUint32(wideBlock.data(), static_cast<uint32_t>(present));
-    wchar_t name[nameUnits];
+    char16_t name[nameUnits];
     for (size_t i = 0; i < present; ++i) {
         const std::byte* source = ansiBlock.data() + countBytes + i * ansiDescriptorBytes;
         std::byte* target = wideBlock.data() + countBytes + i * wideDescriptorBytes;
         std::memcpy(target, source, headerBytes);
         const auto* ansiName = reinterpret_cast<const char*>(source + headerBytes);
         const size_t units = std::min(convert({ansiName, nameUnits}, {name, nameUnits}), nameUnits);
-        std::memcpy(target + headerBytes, name, units * sizeof(wchar_t));
+        std::memcpy(target + headerBytes, name, units * sizeof(char16_t));
         // A name that fills all 260 units has no terminator in its field:
         // readers stop at 260 units, and the last one has the zeroed spare
         // descriptor behind it.
         if (units < nameUnits)
-            std::memset(target + headerBytes + units * sizeof(wchar_t), 0, sizeof(wchar_t));
+            std::memset(target + headerBytes + units * sizeof(char16_t), 0, sizeof(char16_t));
     }
     return present;
 }

@@ -36,9 +36,9 @@ size_t descriptorsPresent(Bytes block, size_t descriptorBytes);
 // is more than the block holds.
 std::vector<std::wstring> readWideNames(Bytes block);
 
-// Converts one 260-byte ANSI name into at most 260 units and returns how many
-// it wrote (0 when it could not convert).
-using AnsiNameConverter = std::function<size_t(std::span<const char> name, std::span<wchar_t> out)>;
+// Converts one 260-byte ANSI name into at most 260 UTF-16 units and returns
+// how many it wrote (0 when it could not convert).
+using AnsiNameConverter = std::function<size_t(std::span<const char> name, std::span<char16_t> out)>;
 
 // The size of the wide block made from `ansiBlock`: one descriptor per ANSI
 // descriptor present, plus one spare descriptor, so the terminator after a

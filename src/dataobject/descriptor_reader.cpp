@@ -9,12 +9,25 @@
 #include "dataobject/global_memory.h"
 #include "dataobject/stg_medium.h"
 
+#include <shlobj.h>
+
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace {
 
 Logger logger("DataObjectHelper");
+
+// descriptor_block reads the system's descriptors by these numbers.
+static_assert(offsetof(FILEGROUPDESCRIPTORW, fgd) == descriptor_block::countBytes &&
+              offsetof(FILEGROUPDESCRIPTORA, fgd) == descriptor_block::countBytes);
+static_assert(sizeof(FILEDESCRIPTORW) == descriptor_block::wideDescriptorBytes &&
+              sizeof(FILEDESCRIPTORA) == descriptor_block::ansiDescriptorBytes);
+static_assert(offsetof(FILEDESCRIPTORW, cFileName) == descriptor_block::headerBytes &&
+              offsetof(FILEDESCRIPTORA, cFileName) == descriptor_block::headerBytes);
+static_assert(sizeof(FILEDESCRIPTORW::cFileName) == 2 * descriptor_block::nameUnits &&
+              sizeof(FILEDESCRIPTORA::cFileName) == descriptor_block::nameUnits);
 
 using Microsoft::WRL::ComPtr;
 
@@ -58,10 +71,11 @@ HGLOBAL copyWideDescriptor(HGLOBAL source)
     return copy.release();
 }
 
-size_t ansiNameToWide(std::span<const char> name, std::span<wchar_t> out)
+size_t ansiNameToWide(std::span<const char> name, std::span<char16_t> out)
 {
-    const int units = MultiByteToWideChar(CP_ACP, 0, name.data(), static_cast<int>(name.size()), out.data(),
-                                          static_cast<int>(out.size()));
+    static_assert(sizeof(wchar_t) == sizeof(char16_t), "a Windows wide character is a UTF-16 unit");
+    const int units = MultiByteToWideChar(CP_ACP, 0, name.data(), static_cast<int>(name.size()),
+                                          reinterpret_cast<wchar_t*>(out.data()), static_cast<int>(out.size()));
     return units > 0 ? static_cast<size_t>(units) : 0;
 }
 

@@ -6,6 +6,7 @@
 
 #include <shlobj.h>
 
+#include <cstddef>
 #include <cstring>
 
 namespace {
@@ -13,6 +14,8 @@ namespace {
 Logger logger("DataObjectHelper");
 
 static_assert(sizeof(DROPFILES) == 20, "the names follow a 20-byte header");
+static_assert(offsetof(DROPFILES, pFiles) == 0 && offsetof(DROPFILES, pt) == 4 && offsetof(DROPFILES, fNC) == 12 &&
+              offsetof(DROPFILES, fWide) == 16);
 
 } // namespace
 

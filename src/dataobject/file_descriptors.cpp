@@ -8,6 +8,7 @@
 
 #include <shlobj.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
@@ -16,8 +17,13 @@ namespace {
 
 Logger logger("DataObjectHelper");
 
+// The layout every program reading descriptors expects, in both bitnesses.
 static_assert(sizeof(FILEDESCRIPTORW) == 592 && sizeof(FILEGROUPDESCRIPTORW) == 596, "wide descriptor layout");
 static_assert(sizeof(FILEDESCRIPTORA) == 332 && sizeof(FILEGROUPDESCRIPTORA) == 336, "ANSI descriptor layout");
+static_assert(offsetof(FILEGROUPDESCRIPTORW, fgd) == 4 && offsetof(FILEGROUPDESCRIPTORA, fgd) == 4);
+static_assert(offsetof(FILEDESCRIPTORW, dwFlags) == 0 && offsetof(FILEDESCRIPTORA, dwFlags) == 0);
+static_assert(offsetof(FILEDESCRIPTORW, nFileSizeHigh) == 64 && offsetof(FILEDESCRIPTORA, nFileSizeHigh) == 64);
+static_assert(offsetof(FILEDESCRIPTORW, cFileName) == 72 && offsetof(FILEDESCRIPTORA, cFileName) == 72);
 
 constexpr size_t nameRoom = MAX_PATH; // cFileName, with its NUL
 

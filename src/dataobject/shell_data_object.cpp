@@ -4,6 +4,11 @@
 
 #include <wrl/client.h>
 
+#include <type_traits>
+
+static_assert(std::is_same_v<SHCreateDataObjectFunction, decltype(&SHCreateDataObject)>,
+              "bound by name: the type alone says how it is called");
+
 namespace {
 
 Logger logger("DataObjectHelper");

@@ -7,11 +7,17 @@
 #include "dataobject/global_memory.h"
 #include "dataobject/item_id_list.h"
 
+#include <shlobj.h>
+
+#include <cstddef>
 #include <cstring>
 
 namespace {
 
 Logger logger("DataObjectHelper");
+
+// The block is written as 32-bit words: the count, then one offset per list.
+static_assert(sizeof(UINT) == 4 && offsetof(CIDA, cidl) == 0 && offsetof(CIDA, aoffset) == sizeof(UINT));
 
 } // namespace
 

@@ -98,17 +98,17 @@ DWORD HookDllImportFunction(ImportHookRequest& request)
     if (result == HookDone && module && request.importDll && request.functionName) {
         const ImageView image(static_cast<BYTE*>(information.lpBaseOfDll), information.SizeOfImage);
         result = readPeLayout(image, layout);
-        IMAGE_DATA_DIRECTORY imports{};
+        pe::DataDirectory imports{};
         if (result != HookDone) {
             KV_ERROR(logger) << "not a module image: " << modulePath(module, 1000);
-        } else if (!dataDirectory(image, layout, IMAGE_DIRECTORY_ENTRY_IMPORT, imports)) {
+        } else if (!dataDirectory(image, layout, pe::importDirectory, imports)) {
             KV_DEBUG(logger) << "no import directory";
         } else {
             ImportSlot slot;
-            IMAGE_DATA_DIRECTORY delayImports{};
+            pe::DataDirectory delayImports{};
             if (findImportSlot(image, layout, request.importDll, request.functionName, slot)) {
                 reportFound(request, module, slot);
-            } else if (dataDirectory(image, layout, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT, delayImports)) {
+            } else if (dataDirectory(image, layout, pe::delayImportDirectory, delayImports)) {
                 KV_DEBUG(logger) << "check delay load table of " << narrowModulePath(module);
                 if (findDelayImportSlot(image, layout, request.importDll, request.functionName, slot))
                     reportFound(request, module, slot);

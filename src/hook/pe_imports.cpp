@@ -4,23 +4,54 @@
 // past the image, and a walk that leaves the image stops with an error line.
 #include "hook/pe_imports.h"
 
-#include "addin/log.h"
+#include "addin/log_line.h"
+
+#include <cstring>
+
+#ifdef _WIN32
+#include <windows.h>
 
 #include <delayimp.h>
 
-#include <cstring>
+// The records of pe_format.h are the system's own, field for field.
+static_assert(sizeof(pe::DosHeader) == sizeof(IMAGE_DOS_HEADER) &&
+              offsetof(pe::DosHeader, ntHeaders) == offsetof(IMAGE_DOS_HEADER, e_lfanew));
+static_assert(sizeof(pe::FileHeader) == sizeof(IMAGE_FILE_HEADER) &&
+              offsetof(IMAGE_NT_HEADERS32, FileHeader) == sizeof(DWORD) &&
+              offsetof(IMAGE_NT_HEADERS64, FileHeader) == sizeof(DWORD));
+static_assert(offsetof(IMAGE_NT_HEADERS32, OptionalHeader) == sizeof(DWORD) + sizeof(pe::FileHeader) &&
+              offsetof(IMAGE_NT_HEADERS64, OptionalHeader) == sizeof(DWORD) + sizeof(pe::FileHeader));
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER32, Magic) == 0 && offsetof(IMAGE_OPTIONAL_HEADER64, Magic) == 0);
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER32, DataDirectory) == pe::pe32Directories &&
+              offsetof(IMAGE_OPTIONAL_HEADER32, NumberOfRvaAndSizes) == pe::pe32Directories - sizeof(DWORD) &&
+              sizeof(IMAGE_OPTIONAL_HEADER32) == pe::pe32Directories + 16 * sizeof(pe::DataDirectory));
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, DataDirectory) == pe::pe32PlusDirectories &&
+              offsetof(IMAGE_OPTIONAL_HEADER64, NumberOfRvaAndSizes) == pe::pe32PlusDirectories - sizeof(DWORD) &&
+              sizeof(IMAGE_OPTIONAL_HEADER64) == pe::pe32PlusDirectories + 16 * sizeof(pe::DataDirectory));
+static_assert(IMAGE_NT_OPTIONAL_HDR32_MAGIC == pe::pe32Magic && IMAGE_NT_OPTIONAL_HDR64_MAGIC == pe::pe32PlusMagic);
+static_assert(IMAGE_DOS_SIGNATURE == pe::dosSignature && IMAGE_NT_SIGNATURE == pe::ntSignature);
+static_assert(sizeof(pe::DataDirectory) == sizeof(IMAGE_DATA_DIRECTORY) &&
+              IMAGE_DIRECTORY_ENTRY_IMPORT == pe::importDirectory &&
+              IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT == pe::delayImportDirectory);
+static_assert(sizeof(pe::ImportDescriptor) == sizeof(IMAGE_IMPORT_DESCRIPTOR) &&
+              offsetof(pe::ImportDescriptor, nameTable) == offsetof(IMAGE_IMPORT_DESCRIPTOR, OriginalFirstThunk) &&
+              offsetof(pe::ImportDescriptor, dllName) == offsetof(IMAGE_IMPORT_DESCRIPTOR, Name) &&
+              offsetof(pe::ImportDescriptor, addressTable) == offsetof(IMAGE_IMPORT_DESCRIPTOR, FirstThunk));
+static_assert(sizeof(pe::DelayImportDescriptor) == sizeof(ImgDelayDescr) &&
+              offsetof(pe::DelayImportDescriptor, attributes) == offsetof(ImgDelayDescr, grAttrs) &&
+              offsetof(pe::DelayImportDescriptor, dllName) == offsetof(ImgDelayDescr, rvaDLLName) &&
+              offsetof(pe::DelayImportDescriptor, addressTable) == offsetof(ImgDelayDescr, rvaIAT) &&
+              offsetof(pe::DelayImportDescriptor, nameTable) == offsetof(ImgDelayDescr, rvaINT) &&
+              dlattrRva == pe::delayRvaAttribute);
+static_assert(sizeof(IMAGE_THUNK_DATA32) == pe::pe32ThunkBytes &&
+              sizeof(IMAGE_THUNK_DATA64) == pe::pe32PlusThunkBytes &&
+              IMAGE_ORDINAL_FLAG32 == 1u << (8 * pe::pe32ThunkBytes - 1) &&
+              IMAGE_ORDINAL_FLAG64 == 1ull << (8 * pe::pe32PlusThunkBytes - 1));
+#endif
 
 namespace {
 
 Logger logger("HookDD");
-
-constexpr WORD dosSignature = 0x5A4D;       // "MZ"
-constexpr DWORD peSignature = 0x00004550;   // "PE\0\0"
-constexpr WORD pe32Magic = 0x10B;
-constexpr WORD pe32PlusMagic = 0x20B;
-// Where the data directories start inside the optional header.
-constexpr uint64_t pe32Directories = 96;
-constexpr uint64_t pe32PlusDirectories = 112;
 
 // One name-table or address-table entry at `offset`, as wide as the image's thunks.
 bool readThunk(const ImageView& image, unsigned width, uint64_t offset, uint64_t& value)
@@ -82,6 +113,18 @@ bool findInThunks(const ImageView& image, unsigned width, uint64_t names, uint64
     }
 }
 
+// Module and DLL names compared as the loader does, ASCII letters in any case.
+bool sameNameIgnoringCase(const char* a, const char* b)
+{
+    const auto lower = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; };
+    for (;; ++a, ++b) {
+        if (lower(static_cast<unsigned char>(*a)) != lower(static_cast<unsigned char>(*b)))
+            return false;
+        if (*a == 0)
+            return true;
+    }
+}
+
 } // namespace
 
 const char* ImageView::textAt(uint64_t offset) const
@@ -100,75 +143,71 @@ uint64_t ImportSlot::value() const
     return result;
 }
 
-DWORD readPeLayout(const ImageView& image, PeLayout& layout)
+uint32_t readPeLayout(const ImageView& image, PeLayout& layout)
 {
-    const auto* dos = image.at<IMAGE_DOS_HEADER>(0);
-    if (!dos || dos->e_magic != dosSignature)
+    pe::DosHeader dos{};
+    if (!image.read(0, dos) || dos.magic != pe::dosSignature)
         return 3;
 
     // e_lfanew is signed in the header; a negative one points nowhere.
-    const LONG peOffset = dos->e_lfanew;
-    const auto* signature = peOffset >= 0 ? image.at<DWORD>(static_cast<uint64_t>(peOffset)) : nullptr;
-    if (!signature || *signature != peSignature)
+    const int32_t peOffset = dos.ntHeaders;
+    uint32_t signature = 0;
+    if (peOffset < 0 || !image.read(static_cast<uint64_t>(peOffset), signature) || signature != pe::ntSignature)
         return 4;
 
-    const uint64_t optionalHeader = static_cast<uint64_t>(peOffset) + sizeof(DWORD) + sizeof(IMAGE_FILE_HEADER);
-    const auto* magic = image.at<WORD>(optionalHeader);
-    if (!magic || (*magic != pe32Magic && *magic != pe32PlusMagic))
+    const uint64_t optionalHeader = static_cast<uint64_t>(peOffset) + sizeof(uint32_t) + sizeof(pe::FileHeader);
+    uint16_t magic = 0;
+    if (!image.read(optionalHeader, magic) || (magic != pe::pe32Magic && magic != pe::pe32PlusMagic))
         return 5;
 
-    layout.pe32Plus = *magic == pe32PlusMagic;
-    layout.thunkWidth = layout.pe32Plus ? 8 : 4;
+    layout.pe32Plus = magic == pe::pe32PlusMagic;
+    layout.thunkWidth = layout.pe32Plus ? pe::pe32PlusThunkBytes : pe::pe32ThunkBytes;
     layout.optionalHeader = optionalHeader;
-    layout.directories = optionalHeader + (layout.pe32Plus ? pe32PlusDirectories : pe32Directories);
-    const uint64_t countOffset = layout.directories - sizeof(DWORD);
-    const auto* count = image.at<DWORD>(countOffset);
-    layout.directoryCount = count ? *count : 0;
+    layout.directories = optionalHeader + (layout.pe32Plus ? pe::pe32PlusDirectories : pe::pe32Directories);
+    const uint64_t countOffset = layout.directories - sizeof(uint32_t);
+    layout.directoryCount = 0;
+    image.read(countOffset, layout.directoryCount);
     return 0;
 }
 
-bool dataDirectory(const ImageView& image, const PeLayout& layout, unsigned index, IMAGE_DATA_DIRECTORY& entry)
+bool dataDirectory(const ImageView& image, const PeLayout& layout, unsigned index, pe::DataDirectory& entry)
 {
-    entry = IMAGE_DATA_DIRECTORY{};
+    entry = pe::DataDirectory{};
     if (index >= layout.directoryCount)
         return false;
-    const auto* found = image.at<IMAGE_DATA_DIRECTORY>(layout.directories + index * sizeof(IMAGE_DATA_DIRECTORY));
-    if (!found)
-        return false;
-    entry = *found;
-    return entry.VirtualAddress != 0;
+    return image.read(layout.directories + index * sizeof(pe::DataDirectory), entry) && entry.virtualAddress != 0;
 }
 
 bool findImportSlot(const ImageView& image, const PeLayout& layout, const char* importDll,
                     const char* functionName, ImportSlot& slot)
 {
     slot = ImportSlot{};
-    IMAGE_DATA_DIRECTORY imports{};
-    if (!importDll || !functionName || !dataDirectory(image, layout, IMAGE_DIRECTORY_ENTRY_IMPORT, imports))
+    pe::DataDirectory imports{};
+    if (!importDll || !functionName || !dataDirectory(image, layout, pe::importDirectory, imports))
         return false;
 
-    const auto matches = [functionName](const char* name) { return _stricmp(name, functionName) == 0; };
-    for (uint64_t offset = imports.VirtualAddress;; offset += sizeof(IMAGE_IMPORT_DESCRIPTOR)) {
-        const auto* descriptor = image.at<IMAGE_IMPORT_DESCRIPTOR>(offset);
-        if (!descriptor) {
+    const auto matches = [functionName](const char* name) { return sameNameIgnoringCase(name, functionName); };
+    for (uint64_t offset = imports.virtualAddress;; offset += sizeof(pe::ImportDescriptor)) {
+        pe::ImportDescriptor descriptor{};
+        if (!image.read(offset, descriptor)) {
             KV_ERROR(logger) << "import descriptors leave the image at rva=" << offset;
             return false;
         }
-        if (descriptor->FirstThunk == 0)
+        if (descriptor.addressTable == 0)
             return false;
 
-        const char* dllName = image.textAt(descriptor->Name);
+        const char* dllName = image.textAt(descriptor.dllName);
         KV_DEBUG(logger) << "szImportDll=" << (dllName ? dllName : "(outside the image)");
-        if (!dllName || _stricmp(dllName, importDll) != 0)
+        if (!dllName || !sameNameIgnoringCase(dllName, importDll))
             continue;
         // Without its own name table a descriptor's names stood in the
         // address table, which the loader has overwritten by now.
-        if (descriptor->OriginalFirstThunk == 0) {
+        if (descriptor.nameTable == 0) {
             KV_WARN(logger) << "no import name table for " << dllName;
             continue;
         }
-        if (findInThunks(image, layout.thunkWidth, descriptor->OriginalFirstThunk, descriptor->FirstThunk, 0,
-                         matches, slot))
+        if (findInThunks(image, layout.thunkWidth, descriptor.nameTable, descriptor.addressTable, 0, matches,
+                         slot))
             return true;
     }
 }
@@ -177,40 +216,39 @@ bool findDelayImportSlot(const ImageView& image, const PeLayout& layout, const c
                          const char* functionName, ImportSlot& slot)
 {
     slot = ImportSlot{};
-    IMAGE_DATA_DIRECTORY delayImports{};
-    if (!importDll || !functionName ||
-        !dataDirectory(image, layout, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT, delayImports))
+    pe::DataDirectory delayImports{};
+    if (!importDll || !functionName || !dataDirectory(image, layout, pe::delayImportDirectory, delayImports))
         return false;
 
     const auto matches = [functionName](const char* name) { return std::strcmp(name, functionName) == 0; };
-    for (uint64_t offset = delayImports.VirtualAddress;; offset += sizeof(ImgDelayDescr)) {
-        const auto* descriptor = image.at<ImgDelayDescr>(offset);
-        if (!descriptor) {
+    for (uint64_t offset = delayImports.virtualAddress;; offset += sizeof(pe::DelayImportDescriptor)) {
+        pe::DelayImportDescriptor descriptor{};
+        if (!image.read(offset, descriptor)) {
             KV_ERROR(logger) << "delay-import descriptors leave the image at rva=" << offset;
             return false;
         }
-        if (descriptor->rvaDLLName == 0)
+        if (descriptor.dllName == 0)
             return false;
 
         // The first delay-load helpers stored addresses instead of offsets;
         // such tables exist only in 32-bit images, where an address minus the
         // image base is the offset.
-        const bool relative = (descriptor->grAttrs & dlattrRva) != 0;
+        const bool relative = (descriptor.attributes & pe::delayRvaAttribute) != 0;
         if (!relative && layout.pe32Plus) {
             KV_WARN(logger) << "delay-import descriptor with addresses in a PE32+ image ignored";
             continue;
         }
         const uint64_t imageBase = reinterpret_cast<uintptr_t>(image.base());
-        const auto toOffset = [&](DWORD field) -> uint64_t {
+        const auto toOffset = [&](uint32_t field) -> uint64_t {
             return relative ? field : static_cast<uint64_t>(field) - imageBase;
         };
 
-        const char* dllName = image.textAt(toOffset(descriptor->rvaDLLName));
+        const char* dllName = image.textAt(toOffset(descriptor.dllName));
         KV_DEBUG(logger) << "delay szImportDll=" << (dllName ? dllName : "(outside the image)");
-        if (!dllName || _stricmp(dllName, importDll) != 0)
+        if (!dllName || !sameNameIgnoringCase(dllName, importDll))
             continue;
         // Old-style name tables hold the addresses of the name records too.
-        if (findInThunks(image, layout.thunkWidth, toOffset(descriptor->rvaINT), toOffset(descriptor->rvaIAT),
+        if (findInThunks(image, layout.thunkWidth, toOffset(descriptor.nameTable), toOffset(descriptor.addressTable),
                          relative ? 0 : imageBase, matches, slot))
             return true;
     }

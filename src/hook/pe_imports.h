@@ -4,17 +4,18 @@
 // broken headers is reported, never followed out of its image. The reader
 // takes the thunk width from the image's own header (PE32: 4 bytes, PE32+:
 // 8 bytes), so both flavours of the add-in read their host's tables right.
-#include <windows.h>
+#include "hook/pe_format.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 // A module image in memory, read only inside [base, base + size).
 class ImageView {
 public:
-    ImageView(BYTE* base, size_t size) : base_(base), size_(size) {}
+    ImageView(uint8_t* base, size_t size) : base_(base), size_(size) {}
 
-    BYTE* base() const { return base_; }
+    uint8_t* base() const { return base_; }
     size_t size() const { return size_; }
 
     // True when `length` bytes from `offset` lie inside the image.
@@ -23,18 +24,23 @@ public:
         return offset <= size_ && length <= size_ - offset;
     }
 
-    // The object of type T at `offset`, or null when it would reach past the image.
+    // Copies the record of type T at `offset` into `value`; false when it
+    // would reach past the image. Copied, because the offsets come from the
+    // image itself and need not be aligned for T.
     template <typename T>
-    T* at(uint64_t offset) const
+    bool read(uint64_t offset, T& value) const
     {
-        return contains(offset, sizeof(T)) ? reinterpret_cast<T*>(base_ + offset) : nullptr;
+        if (!contains(offset, sizeof(T)))
+            return false;
+        std::memcpy(&value, base_ + offset, sizeof(T));
+        return true;
     }
 
     // The NUL-terminated text at `offset`, or null when no NUL comes before the image ends.
     const char* textAt(uint64_t offset) const;
 
 private:
-    BYTE* base_;
+    uint8_t* base_;
     size_t size_;
 };
 
@@ -49,14 +55,14 @@ struct PeLayout {
 
 // Checks "MZ", "PE\0\0" and the optional header's magic, in that order, and
 // fills `layout`. Returns 0, or 3, 4, 5 as HookDllImportFunction reports them.
-DWORD readPeLayout(const ImageView& image, PeLayout& layout);
+uint32_t readPeLayout(const ImageView& image, PeLayout& layout);
 
 // A data directory entry; false when the image has no such entry or it is empty.
-bool dataDirectory(const ImageView& image, const PeLayout& layout, unsigned index, IMAGE_DATA_DIRECTORY& entry);
+bool dataDirectory(const ImageView& image, const PeLayout& layout, unsigned index, pe::DataDirectory& entry);
 
 // One address-table slot of an import.
 struct ImportSlot {
-    BYTE* address = nullptr;  // inside the image
+    uint8_t* address = nullptr;  // inside the image
     unsigned width = 0;       // the image's thunk width
 
     // The slot's value, zero-extended to 64 bits.
@@ -70,7 +76,7 @@ struct ImportSlot {
 bool findImportSlot(const ImageView& image, const PeLayout& layout, const char* importDll,
                     const char* functionName, ImportSlot& slot);
 
-// The delay-import table (ImgDelayDescr records): the slot of `functionName`
+// The delay-import table (pe::DelayImportDescriptor records): the slot of `functionName`
 // (compared exactly, as the delay-load helper resolves it) in the delay
 // address table of `importDll` (ignoring case), bound yet or not.
 bool findDelayImportSlot(const ImageView& image, const PeLayout& layout, const char* importDll,

@@ -1,5 +1,7 @@
 #include "items/compound_file_format.h"
 
+#include "common/strings.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -22,21 +24,12 @@ void put64(uint8_t* out, uint64_t value)
     std::memcpy(out, &value, 8);
 }
 
-void putFileTime(uint8_t* out, const FILETIME& time)
-{
-    put32(out, time.dwLowDateTime);
-    put32(out + 4, time.dwHighDateTime);
-}
-
 wchar_t upperCaseUnit(wchar_t unit)
 {
     // Surrogate halves have no case of their own.
     if (unit >= 0xD800 && unit <= 0xDFFF)
         return unit;
-    wchar_t upper = unit;
-    if (LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, &unit, 1, &upper, 1) != 1)
-        return unit;
-    return upper;
+    return upperCaseInvariant(unit);
 }
 
 struct TreeBuilder {
@@ -142,10 +135,10 @@ void encodeDirectoryEntry(const DirectoryEntry& entry, uint8_t* out)
     put32(out + 68, entry.left);
     put32(out + 72, entry.right);
     put32(out + 76, entry.child);
-    std::memcpy(out + 80, &entry.clsid, sizeof(CLSID));
+    std::memcpy(out + 80, entry.clsid.data(), entry.clsid.size());
     put32(out + 96, entry.stateBits);
-    putFileTime(out + 100, entry.created);
-    putFileTime(out + 108, entry.modified);
+    put64(out + 100, entry.created);
+    put64(out + 108, entry.modified);
     put32(out + 116, entry.startSector);
     put64(out + 120, entry.size);
 }

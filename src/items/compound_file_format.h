@@ -4,8 +4,7 @@
 // sectors, 128-byte directory entries whose siblings form a red-black tree,
 // and the 512-byte header that points at all of it. These helpers only turn
 // values into bytes; compound_file_writer.cpp decides where they go.
-#include <windows.h>
-
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -36,10 +35,10 @@ enum class EntryType : uint8_t { unused = 0, storage = 1, stream = 2, root = 5 }
 struct DirectoryEntry {
     std::wstring name;
     EntryType type = EntryType::unused;
-    CLSID clsid{};
+    std::array<uint8_t, 16> clsid{}; // the class id's bytes as they lie in memory
     uint32_t stateBits = 0;
-    FILETIME created{};
-    FILETIME modified{};
+    uint64_t created = 0; // FILETIME values: 100 ns units since 1601
+    uint64_t modified = 0;
     uint32_t startSector = endOfChain;
     uint64_t size = 0;
     uint32_t left = noStream;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <vector>
@@ -33,6 +34,19 @@ std::wstring hexResult(HRESULT hr)
     wchar_t text[16];
     std::swprintf(text, 16, L"0x%08lX", static_cast<unsigned long>(hr));
     return text;
+}
+
+std::array<uint8_t, 16> classIdBytes(const CLSID& clsid)
+{
+    static_assert(sizeof clsid == 16);
+    std::array<uint8_t, 16> bytes;
+    std::memcpy(bytes.data(), &clsid, bytes.size());
+    return bytes;
+}
+
+uint64_t fileTimeValue(const FILETIME& time)
+{
+    return uint64_t(time.dwHighDateTime) << 32 | time.dwLowDateTime;
 }
 
 struct OwnedStat {
@@ -114,7 +128,7 @@ public:
         cfb::DirectoryEntry root;
         root.name = rootEntryName;
         root.type = cfb::EntryType::root;
-        root.clsid = self.stat.clsid;
+        root.clsid = classIdBytes(self.stat.clsid);
         root.stateBits = self.stat.grfStateBits;
         addEntry(std::move(root), cfb::noStream);
         return copyChildren(source, 0, 0);
@@ -229,10 +243,10 @@ private:
         cfb::DirectoryEntry entry;
         entry.name = name;
         entry.type = cfb::EntryType::storage;
-        entry.clsid = self.stat.clsid;
+        entry.clsid = classIdBytes(self.stat.clsid);
         entry.stateBits = self.stat.grfStateBits;
-        entry.created = self.stat.ctime;
-        entry.modified = self.stat.mtime;
+        entry.created = fileTimeValue(self.stat.ctime);
+        entry.modified = fileTimeValue(self.stat.mtime);
         entry.startSector = 0;
         const uint32_t index = addEntry(std::move(entry), parentIndex);
         return copyChildren(storage.Get(), index, depth);

@@ -10,11 +10,6 @@ namespace {
 Logger itemLogger("DDItem");
 Logger listLogger("DDItemss");
 
-std::wstring blanks(int count)
-{
-    return std::wstring(count > 0 ? static_cast<size_t>(count) : 0, L' ');
-}
-
 template <typename Operation>
 HRESULT forEachItem(const std::vector<std::unique_ptr<DDItem>>& items, const char* name, Operation operation)
 {
@@ -76,44 +71,15 @@ std::wstring DDItems::toJson() const
     KV_DEBUG(listLogger) << "begin json #items=" << items_.size();
     std::wostringstream out;
     out << L"{" << std::endl;
-    out << blanks(2) << L"\"items\" : [" << std::endl;
+    out << jsonIndent(2) << L"\"items\" : [" << std::endl;
     for (size_t i = 0; i < items_.size(); ++i) {
-        out << blanks(4) << L"{" << std::endl;
+        out << jsonIndent(4) << L"{" << std::endl;
         items_[i]->writeJson(out, 6);
         out << std::endl;
-        out << blanks(4) << L"}" << (i + 1 < items_.size() ? L"," : L"") << std::endl;
+        out << jsonIndent(4) << L"}" << (i + 1 < items_.size() ? L"," : L"") << std::endl;
     }
-    out << blanks(2) << L"]" << std::endl;
+    out << jsonIndent(2) << L"]" << std::endl;
     out << L"}" << std::endl;
     KV_DEBUG(listLogger) << "end json #items=" << items_.size() << ", ms=" << (GetTickCount() - start);
     return out.str();
-}
-
-std::wstring escapeJson(const std::wstring& value)
-{
-    std::wstring escaped;
-    escaped.reserve(value.size() + 8);
-    for (wchar_t c : value) {
-        switch (c) {
-        case L'\b': escaped += L"\\b"; break;
-        case L'\t': escaped += L"\\t"; break;
-        case L'\n': escaped += L"\\n"; break;
-        case L'\r': escaped += L"\\r"; break;
-        case L'"': escaped += L"\\\""; break;
-        case L'\\': escaped += L"\\\\"; break;
-        default: escaped += c; break;
-        }
-    }
-    return escaped;
-}
-
-void writeJsonValue(std::wostream& out, const std::wstring& key, const std::wstring& value, int indent)
-{
-    out << blanks(indent) << L"\"" << key << L"\" : \"" << escapeJson(value) << L"\"";
-}
-
-std::wstring fileNameOfPath(const std::wstring& path)
-{
-    const size_t separator = path.find_last_of(L"\\/");
-    return separator == std::wstring::npos ? path : path.substr(separator + 1);
 }

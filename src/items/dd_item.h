@@ -1,6 +1,8 @@
 #pragma once
 // One dragged object that becomes a file, and the owning list of one drag's
 // items with the operations on all of them and their JSON text.
+#include "items/json_text.h"
+
 #include <windows.h>
 
 #include <memory>
@@ -54,12 +56,3 @@ public:
 private:
     std::vector<std::unique_ptr<DDItem>> items_;
 };
-
-// The JSON escaping of the item list: \b \t \n \r \" \\ and nothing else.
-std::wstring escapeJson(const std::wstring& value);
-
-// indent blanks, "key" : "escaped value" (the caller adds what follows).
-void writeJsonValue(std::wostream& out, const std::wstring& key, const std::wstring& value, int indent);
-
-// The last component of a path.
-std::wstring fileNameOfPath(const std::wstring& path);

@@ -6,6 +6,8 @@
 #include "common/module_path.h"
 #include "items/outlook_objects.h"
 
+#include <type_traits>
+
 namespace {
 
 Logger logger("DecryptMail");
@@ -17,6 +19,7 @@ constexpr const wchar_t* securityFlagsSchemaName = L"http://schemas.microsoft.co
 constexpr const wchar_t* redemptionSessionClass = L"{29AB7A12-B531-450E-8F7A-EA94C2F3C05F}";
 
 using DllGetClassObjectFunction = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
+static_assert(std::is_same_v<DllGetClassObjectFunction, decltype(&DllGetClassObject)>);
 
 } // namespace
 

@@ -2,7 +2,14 @@
 
 #include "addin/log.h"
 
+#include <mapiutil.h>
+
 #include <mutex>
+#include <type_traits>
+
+// Bound by ordinal, so only these types say how the functions are called.
+static_assert(std::is_same_v<decltype(MapiFunctions::getDefaultMalloc), decltype(&MAPIGetDefaultMalloc)> &&
+              std::is_same_v<decltype(MapiFunctions::openIMsgOnIStg), decltype(&OpenIMsgOnIStg)>);
 
 namespace {
 

@@ -1,8 +1,8 @@
 #include "items/mime_multipart.h"
 
-#include "addin/log.h"
+#include "addin/log_line.h"
+#include "common/strings.h"
 #include "items/ascii_text.h"
-#include "items/property_text.h"
 
 #include <algorithm>
 
@@ -392,7 +392,9 @@ std::wstring MimeMultipart::plainText() const
         const MimeHeader* contentType = part->header("Content-Type");
         if (contentType && isMediaType(*contentType, "text/plain") &&
             !mimeHeaderParameter(contentType->value, "name")) {
-            return propertyText(PropertyType::String8, body(*part));
+            // As 8-bit MAPI text: up to the first NUL, in the ANSI code page.
+            const std::string_view text = body(*part);
+            return ansiToWide(text.substr(0, text.find('\0')));
         }
         for (auto child = part->children.rbegin(); child != part->children.rend(); ++child)
             pending.push_back(child->get());

@@ -52,7 +52,7 @@ Bytes view(const std::string& block)
 }
 
 // Latin-1 widening: enough for names made of ASCII in these tests.
-size_t widenBytes(std::span<const char> name, std::span<wchar_t> out)
+size_t widenBytes(std::span<const char> name, std::span<char16_t> out)
 {
     const size_t units = std::min(name.size(), out.size());
     for (size_t i = 0; i < units; ++i)
@@ -163,15 +163,15 @@ TEST(DescriptorBlock, AnsiNameFillingItsFieldKeepsAll260Units)
 TEST(DescriptorBlock, ConverterThatFailsGivesAnEmptyName)
 {
     const std::string ansi = countBytesOf(1) + bytesOf(ansiDescriptor("lost.txt", 0));
-    const auto failing = [](std::span<const char>, std::span<wchar_t>) { return size_t{0}; };
+    const auto failing = [](std::span<const char>, std::span<char16_t>) { return size_t{0}; };
     EXPECT_EQ(readWideNames(view(asString(convert(ansi, failing)))), std::vector<std::wstring>{L""});
 }
 
 TEST(DescriptorBlock, ConverterClaimingMoreThanTheFieldIsBounded)
 {
     const std::string ansi = countBytesOf(1) + bytesOf(ansiDescriptor("x", 0));
-    const auto boastful = [](std::span<const char>, std::span<wchar_t> out) {
-        std::fill(out.begin(), out.end(), L'q');
+    const auto boastful = [](std::span<const char>, std::span<char16_t> out) {
+        std::fill(out.begin(), out.end(), u'q');
         return size_t{100000};
     };
     const std::vector<std::byte> wide = convert(ansi, boastful);

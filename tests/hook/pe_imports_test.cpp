@@ -4,6 +4,7 @@
 #include "hook/pe_imports.h"
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <cstring>
 #include <string>
