@@ -2,8 +2,9 @@
 # machine needs nothing else.
 BUILD := build
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
 
-.PHONY: all setup build build64 build32 test bench demo clean
+.PHONY: all setup build build64 build32 test fuzz bench demo clean
 
 all: build
 
@@ -21,8 +22,15 @@ build64: setup build32
 
 build: build64
 
+# The fuzz targets (tests/fuzz) run natively, a few seconds each here, so
+# they keep building and every input that ever failed is tried again.
 test: build
 	sh scripts/run-tests.sh $(BUILD)/x64
+	JOBS=$(JOBS) sh tests/fuzz/run.sh $(BUILD)/fuzz 2
+
+# Every fuzz target for FUZZ_SECONDS, one after the other at low priority.
+fuzz: setup
+	JOBS=$(JOBS) sh tests/fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
 
 # Timings of the item export against plain copies; see docs/performance.md.
 bench: build
