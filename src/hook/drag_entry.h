@@ -5,6 +5,8 @@
 
 #include "addin/globals.h"
 
+#include <type_traits>
+
 using DoDragDropFunction = HRESULT(WINAPI*)(IDataObject*, IDropSource*, DWORD, DWORD*);
 using OleSetClipboardFunction = HRESULT(WINAPI*)(IDataObject*);
 
@@ -16,6 +18,16 @@ HRESULT WINAPI MyDoDragDrop(IDataObject* dataObject, IDropSource* dropSource, DW
 HRESULT WINAPI MyDoDragDropOnlyCopyAllowed(IDataObject* dataObject, IDropSource* dropSource, DWORD okEffects,
                                            DWORD* effect);
 HRESULT WINAPI MyOleSetClipboard(IDataObject* dataObject);
+
+// The import slots are written through void*, so nothing else checks that a
+// replacement takes its arguments as the true function does: calling
+// convention included, which in the 32-bit build is stdcall, where a
+// mismatch would leave the caller's stack unbalanced.
+static_assert(std::is_same_v<decltype(&MyDoDragDrop), decltype(&DoDragDrop)> &&
+              std::is_same_v<decltype(&MyDoDragDropOnlyCopyAllowed), decltype(&DoDragDrop)> &&
+              std::is_same_v<DoDragDropFunction, decltype(&DoDragDrop)>);
+static_assert(std::is_same_v<decltype(&MyOleSetClipboard), decltype(&OleSetClipboard)> &&
+              std::is_same_v<OleSetClipboardFunction, decltype(&OleSetClipboard)>);
 
 bool isFirefoxRunning(Globals& settings);
 

@@ -11,18 +11,7 @@
 #include <psapi.h>
 
 #include <cstring>
-#include <type_traits>
 #include <vector>
-
-// The slots are written through void*, so nothing else checks that a
-// replacement takes its arguments as the true function does: calling
-// convention included, which in the 32-bit build is stdcall, where a
-// mismatch would leave the caller's stack unbalanced.
-static_assert(std::is_same_v<decltype(&MyDoDragDrop), decltype(&DoDragDrop)> &&
-              std::is_same_v<decltype(&MyDoDragDropOnlyCopyAllowed), decltype(&DoDragDrop)> &&
-              std::is_same_v<DoDragDropFunction, decltype(&DoDragDrop)>);
-static_assert(std::is_same_v<decltype(&MyOleSetClipboard), decltype(&OleSetClipboard)> &&
-              std::is_same_v<OleSetClipboardFunction, decltype(&OleSetClipboard)>);
 
 namespace {
 

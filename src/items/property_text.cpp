@@ -1,7 +1,5 @@
 #include "items/property_text.h"
 
-#include "common/strings.h"
-
 #include <cstdio>
 #include <cstring>
 
@@ -47,7 +45,15 @@ std::wstring propertyText(uint32_t tag, std::string_view bytes)
         return text;
     }
     case PropertyType::String8: {
-        return ansiToWide(bytes.substr(0, bytes.find('\0')));
+        std::string_view narrow = bytes.substr(0, bytes.find('\0'));
+        if (narrow.empty())
+            return L"";
+        const int size = static_cast<int>(narrow.size());
+        const int chars = MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, nullptr, 0);
+        std::wstring text(chars > 0 ? chars : 0, L'\0');
+        if (chars > 0)
+            MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, text.data(), chars);
+        return text;
     }
     case PropertyType::SysTime: {
         if (bytes.size() < sizeof(FILETIME))
