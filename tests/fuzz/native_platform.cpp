@@ -1,16 +1,22 @@
 // What the fuzzed units get from Windows in the add-in, for the native build:
 // the log's level and sink (log.cpp), and the system's text conversions
-// (common/strings_system.cpp). Every line is built and then dropped, so the
-// log statements on the paths fuzzed run too.
+// (common/strings_system.cpp). Lines at KORVANE_FUZZ_LOG_LEVEL and above
+// (1 = DEBUG, the default) are built and then dropped, so the log statements
+// on the paths fuzzed run too.
 #include "addin/log_line.h"
 #include "common/strings.h"
 
 #include <clocale>
+#include <cstdlib>
 #include <cwctype>
 
 int activeLogLevel()
 {
-    return LOG_DEBUG;
+    static const int level = [] {
+        const char* setting = std::getenv("KORVANE_FUZZ_LOG_LEVEL");
+        return setting ? std::atoi(setting) : LOG_DEBUG;
+    }();
+    return level;
 }
 
 LogLine::~LogLine()
