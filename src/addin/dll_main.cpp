@@ -6,27 +6,13 @@
 #include <olectl.h>
 
 #include "addin/com_module.h"
-#include "addin/globals.h"
 #include "addin/log.h"
-#include "common/module_path.h"
 #include "common/strings.h"
-#include "install/com_registration.h"
+#include "install/installation.h"
 
 namespace {
 
 Logger logger("korvane");
-
-HRESULT installIn(RegistrationScope scope)
-{
-    // install.cfg beside the add-in names the add-in for Outlook's list and
-    // the registry view is chosen for Outlook's bitness.
-    Globals& globals = Globals::instance();
-    globals.applyInstallationOptions(L"");
-    const HRESULT hr = registerAddin(scope, thisModule());
-    if (SUCCEEDED(hr) && scope == RegistrationScope::CurrentUser)
-        globals.recordInstallForUser(true);
-    return hr;
-}
 
 } // namespace
 
@@ -50,7 +36,7 @@ STDAPI DllCanUnloadNow()
 STDAPI DllRegisterServer()
 {
     KV_DEBUG(logger) << "DllRegisterServer(";
-    const HRESULT hr = installIn(RegistrationScope::Machine);
+    const HRESULT hr = registerServer(RegistrationScope::Machine);
     KV_DEBUG(logger) << ")DllRegisterServer=" << hr;
     return hr;
 }
@@ -58,7 +44,7 @@ STDAPI DllRegisterServer()
 STDAPI DllUnregisterServer()
 {
     KV_DEBUG(logger) << "DllUnregisterServer(";
-    const HRESULT hr = unregisterAddin(RegistrationScope::Machine);
+    const HRESULT hr = unregisterServer(RegistrationScope::Machine);
     KV_DEBUG(logger) << ")DllUnregisterServer=" << hr;
     return hr;
 }
@@ -70,7 +56,7 @@ extern "C" HRESULT STDAPICALLTYPE DllInstall(BOOL install, LPCWSTR commandLine)
     const bool forUser = commandLine && equalsIgnoreCase(commandLine, L"user");
     KV_DEBUG(logger) << "DllInstall(install=" << (install != FALSE) << ", forUser=" << forUser;
     const RegistrationScope scope = forUser ? RegistrationScope::CurrentUser : RegistrationScope::Machine;
-    const HRESULT hr = install ? installIn(scope) : unregisterAddin(scope);
+    const HRESULT hr = install ? registerServer(scope) : unregisterServer(scope);
     KV_DEBUG(logger) << ")DllInstall=" << hr;
     return hr;
 }
