@@ -3,7 +3,7 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup build build64 build32 test bench demo clean
+.PHONY: all setup build build64 build32 package test bench demo clean
 
 all: build
 
@@ -16,10 +16,14 @@ build32: setup
 
 build64: setup build32
 	cmake -S . -B $(BUILD)/x64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw64.cmake \
-	      -DKORVANE_DLL32=$(abspath $(BUILD)/x86/bin/korvane32.dll) >/dev/null
+	      -DKORVANE_DLL32=$(abspath $(BUILD)/x86/bin/korvane32.dll) -DKORVANE_PACKAGE_DIR=$(abspath $(BUILD)) >/dev/null
 	cmake --build $(BUILD)/x64 -j $(JOBS)
 
 build: build64
+
+# build/korvane-<version>-x64.msi and -x86.msi (the build makes them).
+package: build
+	@ls $(BUILD)/korvane-*.msi
 
 test: build
 	sh scripts/run-tests.sh $(BUILD)/x64
