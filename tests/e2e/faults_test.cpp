@@ -29,12 +29,15 @@ TEST(Faults, ATargetDyingInTheDropEndsTheDragAndOutlookGoesOn)
 {
     E2eRun run;
     run.targetOptions = {L"--die-on-drop"};
-    const E2eOutcome outcome = run.run({}, {L"drag:0,9"});
+    // Shift held: a drag that a dead target ended is no move Outlook should make.
+    const E2eOutcome outcome = run.run({}, {L"drag-shift:0,9"});
     E2E_REQUIRE_RUN(outcome);
     EXPECT_EQ(outcome.standInExitCode, 0u);
     const StandInStep drag = outcome.step("drag");
     ASSERT_FALSE(drag.name().empty()) << "the drag returned";
     EXPECT_EQ(drag.number("event"), -1) << "the target reported nothing";
+    EXPECT_NE(drag.number("effect"), DROPEFFECT_MOVE) << drag.value("hr");
+    EXPECT_TRUE(outcome.logHas("drop effect rule: none, no drop")) << "ole32 reported a failure, not a drop";
     EXPECT_EQ(drag.number("sourceSetData"), 0);
     EXPECT_EQ(outcome.step("shutdown").value("hr"), hexResult(S_OK));
     EXPECT_TRUE(outcome.logHas("DRAGDROP_S_DROP")) << "the files were saved before the target was asked";
