@@ -201,8 +201,12 @@ HRESULT STDMETHODCALLTYPE FileDataObject::SetData(FORMATETC* format, STGMEDIUM* 
             return E_OUTOFMEMORY;
         }
     }
-    KV_DEBUG(logger) << "FileDataObject.SetData " << describeFormat(key) << ", release=" << (release != FALSE);
-    return S_OK;
+    // The medium is this object's now: nothing that happens to the log line
+    // may make the caller think otherwise.
+    return barrier("FileDataObject::SetData", S_OK, [&] {
+        KV_DEBUG(logger) << "FileDataObject.SetData " << describeFormat(key) << ", release=" << (release != FALSE);
+        return S_OK;
+    });
 }
 
 HRESULT STDMETHODCALLTYPE FileDataObject::EnumFormatEtc(DWORD direction, IEnumFORMATETC** enumerator)

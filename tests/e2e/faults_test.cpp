@@ -96,6 +96,8 @@ TEST(Faults, ADeepTemporaryFolderShortensTheNamesToFit)
     }
     EXPECT_LT(lastComponent(drop.files[1].path).size(), std::wstring(L"Grüße aus Köln – 日本語の件名 ✓.msg").size())
         << "the long subject was cut";
+    const std::wstring dragFolder = drop.files[0].path.substr(0, drop.files[0].path.find_last_of(L'\\'));
+    EXPECT_EQ(filesIn(dragFolder).size(), 2u) << "written beside and moved, nothing left over";
     EXPECT_TRUE(outcome.logHas("fname already exists or fname too long"));
 }
 
