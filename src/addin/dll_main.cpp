@@ -6,6 +6,7 @@
 #include <olectl.h>
 
 #include "addin/com_module.h"
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "common/strings.h"
 #include "install/installation.h"
@@ -23,40 +24,37 @@ BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
     return TRUE;
 }
 
+// Each export runs behind exportedCall's barrier: nothing thrown inside
+// reaches the caller (Outlook, COM, regsvr32, an installer).
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object)
 {
-    return CkorvaneModule::instance().getClassObject(clsid, iid, object);
+    return exportedCall("DllGetClassObject",
+                        [&] { return CkorvaneModule::instance().getClassObject(clsid, iid, object); });
 }
 
 STDAPI DllCanUnloadNow()
 {
-    return CkorvaneModule::instance().canUnloadNow();
+    return exportedCall("DllCanUnloadNow", [] { return CkorvaneModule::instance().canUnloadNow(); });
 }
 
 STDAPI DllRegisterServer()
 {
-    KV_DEBUG(logger) << "DllRegisterServer(";
-    const HRESULT hr = registerServer(RegistrationScope::Machine);
-    KV_DEBUG(logger) << ")DllRegisterServer=" << hr;
-    return hr;
+    return exportedCall("DllRegisterServer", [] { return registerServer(RegistrationScope::Machine); });
 }
 
 STDAPI DllUnregisterServer()
 {
-    KV_DEBUG(logger) << "DllUnregisterServer(";
-    const HRESULT hr = unregisterServer(RegistrationScope::Machine);
-    KV_DEBUG(logger) << ")DllUnregisterServer=" << hr;
-    return hr;
+    return exportedCall("DllUnregisterServer", [] { return unregisterServer(RegistrationScope::Machine); });
 }
 
 // regsvr32 /i:user [/u] korvane64.dll registers for the current user only,
 // without administrator rights; any other command line means the machine.
 extern "C" HRESULT STDAPICALLTYPE DllInstall(BOOL install, LPCWSTR commandLine)
 {
-    const bool forUser = commandLine && equalsIgnoreCase(commandLine, L"user");
-    KV_DEBUG(logger) << "DllInstall(install=" << (install != FALSE) << ", forUser=" << forUser;
-    const RegistrationScope scope = forUser ? RegistrationScope::CurrentUser : RegistrationScope::Machine;
-    const HRESULT hr = install ? registerServer(scope) : unregisterServer(scope);
-    KV_DEBUG(logger) << ")DllInstall=" << hr;
-    return hr;
+    return exportedCall("DllInstall", [&] {
+        const bool forUser = commandLine && equalsIgnoreCase(commandLine, L"user");
+        KV_DEBUG(logger) << "install=" << (install != FALSE) << ", forUser=" << forUser;
+        const RegistrationScope scope = forUser ? RegistrationScope::CurrentUser : RegistrationScope::Machine;
+        return install ? registerServer(scope) : unregisterServer(scope);
+    });
 }

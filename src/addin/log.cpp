@@ -135,8 +135,13 @@ LogLine::LogLine(LogLine&& other) noexcept : active_(other.active_), level_(othe
 
 LogLine::~LogLine()
 {
-    if (active_)
-        LogFile::instance().write(level_, text_.str());
+    // A destructor that throws ends the process: a line that can't be
+    // written (no memory left, a broken mutex) is dropped instead.
+    try {
+        if (active_)
+            LogFile::instance().write(level_, text_.str());
+    } catch (...) {
+    }
 }
 
 LogLine& LogLine::operator<<(const char* value)

@@ -3,37 +3,25 @@
 // Each opens the add-in's log for its run and hands over to the installation.
 #include <windows.h>
 
+#include "addin/exception_barrier.h"
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "install/installation.h"
-#include "install/java_native.h"
+#include "install/installer_entry_points.h"
 #include "install/msi_session.h"
 
 namespace {
 
 Logger logger("korvane");
 
-// An installer's run, traced into the add-in's log (configured as at the
-// add-in's start), which is closed again so that Outlook can write it.
-class LoggedRun {
+// The add-in's log, configured as at the add-in's start, for one
+// installer's run; closed again afterwards, so that Outlook can write it.
+class InstallerRunLog {
 public:
-    explicit LoggedRun(const char* name) : name_(name)
-    {
-        configureLogFromRegistry(Globals::instance().userKey());
-        KV_DEBUG(logger) << name_ << "(";
-    }
-    ~LoggedRun() { LogFile::instance().close(); }
-    LoggedRun(const LoggedRun&) = delete;
-    LoggedRun& operator=(const LoggedRun&) = delete;
-
-    HRESULT done(HRESULT hr) const
-    {
-        KV_DEBUG(logger) << ")" << name_ << "=" << hr;
-        return hr;
-    }
-
-private:
-    const char* name_;
+    InstallerRunLog() { configureLogFromRegistry(Globals::instance().userKey()); }
+    ~InstallerRunLog() { LogFile::instance().close(); }
+    InstallerRunLog(const InstallerRunLog&) = delete;
+    InstallerRunLog& operator=(const InstallerRunLog&) = delete;
 };
 
 enum class Direction { Install, Uninstall };
@@ -44,19 +32,23 @@ HRESULT run(Direction direction, const std::wstring& params, InstallParts parts,
                                            : uninstallAddin(params, parts, messages);
 }
 
-UINT customAction(const char* name, MSIHANDLE install, Direction direction, InstallParts parts)
+UINT customAction(const char* name, MSIHANDLE install, Direction direction, InstallParts parts) noexcept
 {
-    const LoggedRun logged(name);
-    const MsiSession session(install);
-    const HRESULT hr = logged.done(run(direction, session.customActionData(), parts,
-                                       [&session](const std::wstring& text) { session.log(text); }));
+    const HRESULT hr = exportedCall(name, [&] {
+        const InstallerRunLog log;
+        const MsiSession session(install);
+        return run(direction, session.customActionData(), parts,
+                   [&session](const std::wstring& text) { session.log(text); });
+    });
     return SUCCEEDED(hr) ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
 
-void rundll32Command(const char* name, const wchar_t* commandLine, Direction direction)
+void rundll32Command(const char* name, const wchar_t* commandLine, Direction direction) noexcept
 {
-    const LoggedRun logged(name);
-    logged.done(run(direction, commandLine ? commandLine : L"", InstallParts::Everything, {}));
+    exportedCall(name, [&] {
+        const InstallerRunLog log;
+        return run(direction, commandLine ? commandLine : L"", InstallParts::Everything, {});
+    });
 }
 
 } // namespace
@@ -98,33 +90,41 @@ extern "C" void CALLBACK RunUninstallW(HWND, HINSTANCE, LPWSTR commandLine, int)
 // itself; install and uninstall answer 0 or the failure's HRESULT.
 extern "C" jint JNICALL Java_com_quembrook_com_KorvaneDll_nativeInstall(JNIEnv* env, jclass, jstring params)
 {
-    KV_DEBUG(logger) << "nativeInstall(";
-    return installAddin(javaString(env, params), InstallParts::Everything, {});
+    return exportedCall("nativeInstall",
+                        [&] { return installAddin(javaString(env, params), InstallParts::Everything, {}); });
 }
 
 extern "C" jint JNICALL Java_com_quembrook_com_KorvaneDll_nativeUninstall(JNIEnv* env, jclass, jstring params)
 {
-    KV_DEBUG(logger) << "nativeUninstall(";
-    return uninstallAddin(javaString(env, params), InstallParts::Everything, {});
+    return exportedCall("nativeUninstall",
+                        [&] { return uninstallAddin(javaString(env, params), InstallParts::Everything, {}); });
 }
 
 extern "C" void JNICALL Java_com_quembrook_com_KorvaneDll_nativeSetProductName(JNIEnv* env, jclass, jstring name)
 {
-    const std::wstring productName = javaString(env, name);
-    KV_DEBUG(logger) << "nativeSetProductName(name=" << productName;
-    if (!productName.empty())
-        Globals::instance().setProductName(productName);
+    exportedCall("nativeSetProductName", [&] {
+        const std::wstring productName = javaString(env, name);
+        KV_DEBUG(logger) << "name=" << productName;
+        if (!productName.empty())
+            Globals::instance().setProductName(productName);
+        return S_OK;
+    });
 }
 
 extern "C" void JNICALL Java_com_quembrook_com_KorvaneDll_nativeOpenLogFile(JNIEnv* env, jclass, jstring path,
                                                                          jint level, jboolean append)
 {
-    LogFile::instance().open(javaString(env, path), level, append != 0);
-    KV_DEBUG(logger) << "nativeOpenLogFile(level=" << level << ", append=" << (append != 0);
+    exportedCall("nativeOpenLogFile", [&] {
+        LogFile::instance().open(javaString(env, path), level, append != 0);
+        KV_DEBUG(logger) << "level=" << level << ", append=" << (append != 0);
+        return S_OK;
+    });
 }
 
 extern "C" void JNICALL Java_com_quembrook_com_KorvaneDll_nativeCloseLogFile(JNIEnv*, jclass)
 {
-    KV_DEBUG(logger) << "nativeCloseLogFile()";
-    LogFile::instance().close();
+    exportedCall("nativeCloseLogFile", [] {
+        LogFile::instance().close();
+        return S_OK;
+    });
 }
