@@ -4,7 +4,7 @@ BUILD := build
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 
-.PHONY: all setup build build64 build32 test fuzz bench demo clean
+.PHONY: all setup build build64 build32 package test fuzz bench demo clean
 
 all: build
 
@@ -17,10 +17,14 @@ build32: setup
 
 build64: setup build32
 	cmake -S . -B $(BUILD)/x64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-mingw64.cmake \
-	      -DKORVANE_DLL32=$(abspath $(BUILD)/x86/bin/korvane32.dll) >/dev/null
+	      -DKORVANE_DLL32=$(abspath $(BUILD)/x86/bin/korvane32.dll) -DKORVANE_PACKAGE_DIR=$(abspath $(BUILD)) >/dev/null
 	cmake --build $(BUILD)/x64 -j $(JOBS)
 
 build: build64
+
+# build/korvane-<version>-x64.msi and -x86.msi (the build makes them).
+package: build
+	@ls $(BUILD)/korvane-*.msi
 
 # The fuzz targets (tests/fuzz) run natively, a few seconds each here, so
 # they keep building and every input that ever failed is tried again.

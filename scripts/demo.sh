@@ -1,9 +1,10 @@
 #!/bin/sh
 # The end-to-end demonstration (make demo) and its timing run (make bench):
-# a private Wine prefix, the add-in installed and registered there as an
-# installer would (regsvr32), and under a virtual display the Outlook
+# a private Wine prefix, the add-in installed there from its package as an
+# administrator would (msiexec), and under a virtual display the Outlook
 # stand-in loading it, dragging and copying mails and attachments into the
-# drop target program, and shutting it down again.
+# drop target program, and shutting it down again; at the end the package
+# is removed.
 #
 #   sh scripts/demo.sh <build folder> [demo|bench]
 set -e
@@ -13,9 +14,10 @@ bin="$build/bin"
 work="$build/demo"
 mkdir -p "$work"
 
-for program in korvane64.dll outlook_standin.exe drop_target.exe; do
-    if [ ! -f "$bin/$program" ]; then
-        echo "demo: $bin/$program is missing; run make build first" >&2
+package=$(ls "$build"/../korvane-*-x64.msi 2>/dev/null | tail -n 1)
+for file in "$package" "$bin/outlook_standin.exe" "$bin/drop_target.exe"; do
+    if [ ! -f "$file" ]; then
+        echo "demo: ${file:-the x64 package} is missing; run make build first" >&2
         exit 1
     fi
 done
@@ -32,33 +34,34 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
     wineserver -w
 fi
 
-# Installed where an installer would put it, with its texts beside it.
-install_dir="$WINEPREFIX/drive_c/Program Files/Korvane"
-mkdir -p "$install_dir"
-cp "$bin/korvane64.dll" "$bin"/resource_*.txt "$install_dir/"
-
 rm -f "$work/target-report.txt" "$work/standin-result.txt"
 report=$(winepath -w "$work/target-report.txt" 2>/dev/null)
 result=$(winepath -w "$work/standin-result.txt" 2>/dev/null)
 
 if [ "$mode" = bench ]; then
-    steps="reset-settings set:Ribbon.Microsoft.Outlook.Explorer=2;Korvane set:LogLevel=WARN connect bench:1,100,1000 shutdown"
+    steps="reset-settings set:LogLevel=WARN connect bench:1,100,1000 shutdown"
     print=""
 else
-    steps="reset-settings set:Ribbon.Microsoft.Outlook.Explorer=2;Korvane set:CaptureClipboard=true connect ribbon
+    # CaptureClipboard has no place on the ribbon: the user sets it in the registry.
+    steps="reset-settings set:CaptureClipboard=true connect ribbon
            press:cbTextFormat=json drag:all copy:mail:1 paste press:cbFormat=eml press:cbTextFormat=none drag:mails
            shutdown"
     print="--print"
 fi
 
+package_win=$(winepath -w "$package" 2>/dev/null)
+install_log=$(winepath -w "$work/install.log" 2>/dev/null)
+# Wine's desktop has to start on the virtual display: no Wine process may run before it.
 wineserver -k >/dev/null 2>&1 || true
-export bin report result steps print mode
+export bin report result steps print mode package_win install_log
 xvfb-run -a -s "-screen 0 1024x768x24" sh -c '
     wineserver -p </dev/null >/dev/null 2>&1
     wine cmd /c exit </dev/null >/dev/null 2>&1
-    wine regsvr32 /s "C:\\Program Files\\Korvane\\korvane64.dll" </dev/null >/dev/null 2>&1
-    printf "%s\n" "demo: add-in registered (regsvr32 C:\\Program Files\\Korvane\\korvane64.dll)"
     wine "$bin/drop_target.exe" --report "$report" </dev/null >/dev/null 2>&1 &
+    printf "%s\n" "demo: msiexec /i $(basename "$package_win") /qn RIBBONINFO=\"2;Korvane\" /l*v install.log"
+    wine msiexec /i "$package_win" /qn "RIBBONINFO=2;Korvane" /l*v "$install_log" </dev/null >/dev/null 2>&1 || {
+        echo "demo: the installation failed, see $install_log" >&2; wineserver -k; exit 1; }
+    grep -a "^Korvane: " "$(winepath -u "$install_log" 2>/dev/null)" | sed "s/^/demo: installer log: /"
     status=0
     wine "$bin/outlook_standin.exe" --target-report "$report" --result "$result" $print $steps </dev/null || status=$?
     if [ "$mode" = demo ]; then
@@ -66,7 +69,8 @@ xvfb-run -a -s "-screen 0 1024x768x24" sh -c '
         printf "\n%s\n" "The files lie in $temp\\Korvane, that is $(readlink -f "$(winepath -u "$temp\\Korvane" 2>/dev/null)")"
         printf "%s\n" "The target report: $report; the stand-in steps: $result"
     fi
-    wine regsvr32 /s /u "C:\\Program Files\\Korvane\\korvane64.dll" </dev/null >/dev/null 2>&1 || true
+    wine msiexec /x "$package_win" /qn </dev/null >/dev/null 2>&1 || true
+    printf "%s\n" "demo: msiexec /x $(basename "$package_win") /qn: the add-in is removed again"
     wineserver -k >/dev/null 2>&1
     exit $status
 '

@@ -5,7 +5,7 @@ set -e
 
 packages="g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools \
 wine wine64 xvfb xauth libwine-dev googletest cmake make python3 \
-libemail-outlook-message-perl libemail-address-perl clang libclang-rt-14-dev"
+libemail-outlook-message-perl libemail-address-perl wixl msitools clang libclang-rt-14-dev"
 
 missing=""
 for p in $packages; do

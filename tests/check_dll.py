@@ -19,7 +19,9 @@ import subprocess
 import sys
 
 EXPECTED_EXPORTS = {"EncodeBase64", "DecodeBase64", "DllGetClassObject", "DllCanUnloadNow", "DllRegisterServer",
-                    "DllUnregisterServer", "DllInstall"}
+                    "DllUnregisterServer", "DllInstall", "Install", "Uninstall", "InstallAddin", "UninstallAddin",
+                    "RunInstallW", "RunUninstallW"} | {"Java_com_quembrook_com_KorvaneDll_native" + name for name in (
+                        "Install", "Uninstall", "SetProductName", "OpenLogFile", "CloseLogFile")}
 FORBIDDEN_IMPORTS = ("libstdc++", "libgcc", "libwinpthread")
 MACHINES = {"x64": (0x8664, 0x20B), "x86": (0x14C, 0x10B)}
 HOOKED = ("DoDragDrop", "OleSetClipboard")

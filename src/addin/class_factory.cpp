@@ -1,6 +1,7 @@
 #include "addin/class_factory.h"
 
 #include "addin/com_module.h"
+#include "addin/exception_barrier.h"
 #include "addin/kv_drag_drop_addin.h"
 
 #include <new>
@@ -36,7 +37,7 @@ public:
 
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** object) override
     {
-        return CKVDragDropAddin::create(outer, iid, object);
+        return barrier("CreateInstance", [&] { return CKVDragDropAddin::create(outer, iid, object); });
     }
 
     HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override

@@ -1,5 +1,6 @@
 #include "addin/delayed_drag_drop_start.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "common/unique_resource.h"
 #include "hook/import_hook.h"
@@ -10,8 +11,10 @@ Logger logger("KVDragDropAddin");
 
 DWORD WINAPI delayedStart(void* moduleReference)
 {
-    Sleep(dragDropStartDelayMs);
-    EnableDragDrop(true);
+    barrier("delayed EnableDragDrop", [] {
+        Sleep(dragDropStartDelayMs);
+        return HRESULT(EnableDragDrop(true));
+    });
     FreeLibraryAndExitThread(static_cast<HMODULE>(moduleReference), 0);
 }
 

@@ -6,27 +6,14 @@
 #include <olectl.h>
 
 #include "addin/com_module.h"
-#include "addin/globals.h"
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
-#include "common/module_path.h"
 #include "common/strings.h"
-#include "install/com_registration.h"
+#include "install/installation.h"
 
 namespace {
 
 Logger logger("korvane");
-
-HRESULT installIn(RegistrationScope scope)
-{
-    // install.cfg beside the add-in names the add-in for Outlook's list and
-    // the registry view is chosen for Outlook's bitness.
-    Globals& globals = Globals::instance();
-    globals.applyInstallationOptions(L"");
-    const HRESULT hr = registerAddin(scope, thisModule());
-    if (SUCCEEDED(hr) && scope == RegistrationScope::CurrentUser)
-        globals.recordInstallForUser(true);
-    return hr;
-}
 
 } // namespace
 
@@ -37,40 +24,37 @@ BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
     return TRUE;
 }
 
+// Each export runs behind exportedCall's barrier: nothing thrown inside
+// reaches the caller (Outlook, COM, regsvr32, an installer).
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object)
 {
-    return CkorvaneModule::instance().getClassObject(clsid, iid, object);
+    return exportedCall("DllGetClassObject",
+                        [&] { return CkorvaneModule::instance().getClassObject(clsid, iid, object); });
 }
 
 STDAPI DllCanUnloadNow()
 {
-    return CkorvaneModule::instance().canUnloadNow();
+    return exportedCall("DllCanUnloadNow", [] { return CkorvaneModule::instance().canUnloadNow(); });
 }
 
 STDAPI DllRegisterServer()
 {
-    KV_DEBUG(logger) << "DllRegisterServer(";
-    const HRESULT hr = installIn(RegistrationScope::Machine);
-    KV_DEBUG(logger) << ")DllRegisterServer=" << hr;
-    return hr;
+    return exportedCall("DllRegisterServer", [] { return registerServer(RegistrationScope::Machine); });
 }
 
 STDAPI DllUnregisterServer()
 {
-    KV_DEBUG(logger) << "DllUnregisterServer(";
-    const HRESULT hr = unregisterAddin(RegistrationScope::Machine);
-    KV_DEBUG(logger) << ")DllUnregisterServer=" << hr;
-    return hr;
+    return exportedCall("DllUnregisterServer", [] { return unregisterServer(RegistrationScope::Machine); });
 }
 
 // regsvr32 /i:user [/u] korvane64.dll registers for the current user only,
 // without administrator rights; any other command line means the machine.
 extern "C" HRESULT STDAPICALLTYPE DllInstall(BOOL install, LPCWSTR commandLine)
 {
-    const bool forUser = commandLine && equalsIgnoreCase(commandLine, L"user");
-    KV_DEBUG(logger) << "DllInstall(install=" << (install != FALSE) << ", forUser=" << forUser;
-    const RegistrationScope scope = forUser ? RegistrationScope::CurrentUser : RegistrationScope::Machine;
-    const HRESULT hr = install ? installIn(scope) : unregisterAddin(scope);
-    KV_DEBUG(logger) << ")DllInstall=" << hr;
-    return hr;
+    return exportedCall("DllInstall", [&] {
+        const bool forUser = commandLine && equalsIgnoreCase(commandLine, L"user");
+        KV_DEBUG(logger) << "install=" << (install != FALSE) << ", forUser=" << forUser;
+        const RegistrationScope scope = forUser ? RegistrationScope::CurrentUser : RegistrationScope::Machine;
+        return install ? registerServer(scope) : unregisterServer(scope);
+    });
 }

@@ -28,6 +28,16 @@ Globals::Globals(std::wstring companyName, std::wstring productName)
     loadFromRegistry();
 }
 
+void Globals::setProductName(const std::wstring& name)
+{
+    if (addinDescription_ == productName_)
+        addinDescription_ = name;
+    if (addinFriendlyName_ == productName_)
+        addinFriendlyName_ = name;
+    productName_ = name;
+    loadFromRegistry();
+}
+
 std::wstring Globals::userKey() const
 {
     return L"HKCU\\Software\\" + companyName_ + L"\\" + productName_;
@@ -51,7 +61,10 @@ void Globals::loadFromRegistry()
     if (!keepMinutes.empty())
         keepTempFilesMinutes_ = parseLeadingInt(keepMinutes);
     ribbonInfo_ = getString(ribbonInfoSetting, L"");
+}
 
+void Globals::migrateTextFormat() const
+{
     // TextAsJson was the on/off switch before TextFormat had three choices;
     // whoever had it on keeps JSON output.
     if (getString(L"TextFormat", L"").empty()) {
@@ -111,11 +124,10 @@ void Globals::setInt(const std::wstring& name, int value) const
     setString(name, std::to_wstring(value));
 }
 
-void Globals::setRibbonInfo(const std::wstring& text)
+bool Globals::setRibbonInfo(const std::wstring& text)
 {
     ribbonInfo_ = text;
-    const std::wstring key = (installForUser_ ? userKey() : machineKey()) + L"\\" + ribbonInfoSetting;
-    RegUtil::setRegValue(key, L"", text);
+    return RegUtil::setRegValue(ribbonInfoPlace(), L"", text);
 }
 
 std::wstring ribbonTitleFor(const std::wstring& ribbonInfo, const std::wstring& localizedTitle)
@@ -131,6 +143,11 @@ std::wstring ribbonTitleFor(const std::wstring& ribbonInfo, const std::wstring& 
     return L"";
 }
 
+std::wstring Globals::ribbonInfoPlace() const
+{
+    return machineKey() + L"\\" + ribbonInfoSetting;
+}
+
 std::wstring Globals::getRibbonTitle() const
 {
     if (!startsWith(ribbonInfo_, L"1;") && !startsWith(ribbonInfo_, L"2;"))
@@ -138,8 +155,9 @@ std::wstring Globals::getRibbonTitle() const
     return ribbonTitleFor(ribbonInfo_, getText(L"ribbonTitle"));
 }
 
-void Globals::recordInstallForUser(bool forUser) const
+void Globals::recordInstallForUser(bool forUser)
 {
+    installForUser_ = forUser;
     const std::wstring record = userKey() + L"\\" + installForUserRecord;
     if (forUser)
         RegUtil::setRegValue(record, L"", L"true");
@@ -150,6 +168,10 @@ void Globals::recordInstallForUser(bool forUser) const
 void Globals::init()
 {
     configureLogFromRegistry(userKey());
+    // Done at the add-in's start rather than when this object is made:
+    // installers and host programs make it too, and must not write a user's
+    // settings.
+    migrateTextFormat();
     int a = 0, b = 0, c = 0, d = 0;
     getVersion(a, b, c, d);
     KV_INFO(logger) << "Version " << a << "." << b << "." << c << "." << d;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "addin/resource_bundle.h"
 #include "items/decrypt_mail.h"
@@ -27,7 +28,10 @@ public:
     Globals(const Globals&) = delete;
     Globals& operator=(const Globals&) = delete;
 
+    // At the add-in's start: the log, the version line, and the move of the
+    // obsolete TextAsJson switch into TextFormat.
     void init();
+    void migrateTextFormat() const;
 
     // Generic access by setting name.
     std::wstring getString(const std::wstring& name, const std::wstring& defaultValue) const;
@@ -67,7 +71,10 @@ public:
     void setCaptureClipboard(bool value) const { setBool(L"CaptureClipboard", value); }
 
     const std::wstring& getRibbonInfo() const { return ribbonInfo_; }
-    void setRibbonInfo(const std::wstring& text);
+    // Writes the machine place (the per-user place when installed for the user only).
+    bool setRibbonInfo(const std::wstring& text);
+    // The key whose unnamed value setRibbonInfo writes.
+    std::wstring ribbonInfoPlace() const;
     std::wstring getRibbonTitle() const;
 
     std::wstring getText(const std::wstring& key) const;
@@ -80,10 +87,12 @@ public:
     void applyInstallationOptions(const std::wstring& params);
     // Remembers in the per-user key whether the add-in was installed for the
     // current user only, so the next start knows where the machine place is.
-    void recordInstallForUser(bool forUser) const;
+    void recordInstallForUser(bool forUser);
 
     const std::wstring& productName() const { return productName_; }
-    void setProductName(const std::wstring& name) { productName_ = name; }
+    // A host program's own product: its settings key, and the add-in's names
+    // where they were the product's.
+    void setProductName(const std::wstring& name);
     const std::wstring& companyName() const { return companyName_; }
     const std::wstring& addinFriendlyName() const { return addinFriendlyName_; }
     const std::wstring& addinDescription() const { return addinDescription_; }
@@ -120,6 +129,10 @@ private:
     HMODULE module_ = nullptr;
     DecryptMail decryptMail_{*this};
 };
+
+// The fields of the installer's parameter string: one leading and one
+// trailing double quote removed, split at every backslash.
+std::vector<std::wstring> installParameterFields(const std::wstring& params);
 
 // The two-letter ISO 639 code of a Windows language id, empty on failure.
 std::wstring languageCodeOf(LANGID languageId);

@@ -16,8 +16,16 @@ Logger logger("Globals");
 
 constexpr size_t maxConfigLineChars = 1000;
 
-std::vector<std::wstring> splitAtBackslashes(const std::wstring& text)
+} // namespace
+
+std::vector<std::wstring> installParameterFields(const std::wstring& params)
 {
+    std::wstring text = params;
+    if (!text.empty() && text.front() == L'"')
+        text.erase(0, 1);
+    if (!text.empty() && text.back() == L'"')
+        text.pop_back();
+
     std::vector<std::wstring> fields;
     size_t start = 0;
     for (;;) {
@@ -29,13 +37,13 @@ std::vector<std::wstring> splitAtBackslashes(const std::wstring& text)
     }
 }
 
-} // namespace
-
 void Globals::readInstallOptionsFromConfigFile()
 {
     KV_DEBUG(logger) << "readInstallOptionsFromConfigFile(";
     const std::wstring path = replaceFileName(modulePath(module_, 260), L"install.cfg");
     const auto lines = path == L"install.cfg" ? std::nullopt : readUtf8Lines(path, maxConfigLineChars);
+    if (!lines && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+        KV_WARN(logger) << "install.cfg could not be read, its options are not applied: " << path;
     for (const std::wstring& line : lines.value_or(std::vector<std::wstring>())) {
         const auto entry = splitKeyValue(line);
         if (!entry)
@@ -76,13 +84,7 @@ void Globals::applyInstallationOptions(const std::wstring& params)
         return;
 
     {
-        std::wstring text = params;
-        if (!text.empty() && text.front() == L'"')
-            text.erase(0, 1);
-        if (!text.empty() && text.back() == L'"')
-            text.pop_back();
-
-        const std::vector<std::wstring> fields = splitAtBackslashes(text);
+        const std::vector<std::wstring> fields = installParameterFields(params);
         for (size_t index = 1; index < fields.size() && index <= 4; ++index) {
             const std::wstring& field = fields[index];
             KV_DEBUG(logger) << "param=" << field;

@@ -127,6 +127,11 @@ int activeLogLevel()
 
 LogLine::~LogLine()
 {
-    if (active_)
-        LogFile::instance().write(level_, text_.str());
+    // A destructor that throws ends the process: a line that can't be
+    // written (no memory left, a broken mutex) is dropped instead.
+    try {
+        if (active_)
+            LogFile::instance().write(level_, text_.str());
+    } catch (...) {
+    }
 }

@@ -1,5 +1,6 @@
 #include "addin/ribbon_callback_dispatch.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/type_library.h"
 #include "common/com_variant.h"
 #include "common/hresult.h"
@@ -158,7 +159,7 @@ HRESULT STDMETHODCALLTYPE RibbonCallbackDispatch::Invoke(DISPID id, REFIID iid, 
         result = ignored.get();
     else
         VariantInit(result);
-    return invokeCallback(id, *params, result, argumentError);
+    return barrier("IKVDragDropAddin::Invoke", [&] { return invokeCallback(id, *params, result, argumentError); });
 }
 
 HRESULT RibbonCallbackDispatch::invokeCallback(DISPID id, const DISPPARAMS& params, VARIANT* result,

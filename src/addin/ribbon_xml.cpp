@@ -37,6 +37,26 @@ void replaceAll(std::wstring& text, std::wstring_view what, const std::wstring& 
         text.replace(at, what.size(), with);
 }
 
+// A text may land in an attribute value or in element content: every
+// character with a meaning in XML is written as its entity, so a title
+// "R&D" or a translation with "<" still gives Office a well-formed document.
+std::wstring escapedForXml(const std::wstring& text)
+{
+    std::wstring escaped;
+    escaped.reserve(text.size());
+    for (const wchar_t c : text) {
+        switch (c) {
+        case L'&': escaped += L"&amp;"; break;
+        case L'<': escaped += L"&lt;"; break;
+        case L'>': escaped += L"&gt;"; break;
+        case L'"': escaped += L"&quot;"; break;
+        case L'\'': escaped += L"&apos;"; break;
+        default: escaped += c;
+        }
+    }
+    return escaped;
+}
+
 std::wstring xmlText(std::string_view utf8)
 {
     // A byte-order mark is not part of the document's text.
@@ -79,7 +99,7 @@ std::wstring replaceRibbonPlaceholders(std::wstring xml, const std::wstring& tit
                                        const std::function<std::wstring(const std::wstring&)>& textOf)
 {
     for (const Placeholder& entry : placeholders)
-        replaceAll(xml, entry.placeholder, entry.textKey ? textOf(entry.textKey) : title);
+        replaceAll(xml, entry.placeholder, escapedForXml(entry.textKey ? textOf(entry.textKey) : title));
     return xml;
 }
 

@@ -19,7 +19,8 @@ std::optional<std::wstring> loadRibbonDefinitionFile(HMODULE module, const std::
 std::optional<std::wstring> loadRibbonTemplate(HMODULE module);
 
 // Every placeholder, in a fixed order, each everywhere: "${ribbonTitle}" by
-// `title`, the others by the text of the key that `textOf` looks up.
+// `title`, the others by the text of the key that `textOf` looks up; each
+// text escaped for XML.
 std::wstring replaceRibbonPlaceholders(std::wstring xml, const std::wstring& title,
                                        const std::function<std::wstring(const std::wstring&)>& textOf);
 

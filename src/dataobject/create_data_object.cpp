@@ -16,13 +16,12 @@ namespace {
 
 Logger logger("DataObjectHelper");
 
-// What Outlook's object must not offer next to the real files: its text (the
-// add-in sets its own) and its virtual files.
+// What Outlook's object must not offer next to the real files: its virtual
+// files. Its text never passes the wrapper, which offers its own instead.
 std::set<CLIPFORMAT> hiddenOutlookFormats()
 {
     const ClipboardFormats& ids = registeredFormats();
-    return {CLIPFORMAT(CF_TEXT), CLIPFORMAT(CF_UNICODETEXT), ids.fileGroupDescriptor, ids.fileGroupDescriptorW,
-            ids.fileContents};
+    return {ids.fileGroupDescriptor, ids.fileGroupDescriptorW, ids.fileContents};
 }
 
 HRESULT createWithShell(SHCreateDataObjectFunction shellFunction, FileIdLists& lists, IDataObject* inner,

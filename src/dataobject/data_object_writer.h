@@ -14,9 +14,10 @@
 
 using PathList = std::vector<std::wstring>;
 
-// The new data object over the files, wrapping Outlook's object (with the
-// text and descriptor formats hidden); `option` is handed to the wrapper,
-// which also keeps `items` alive for as long as the target holds the object.
+// The new data object over the files, wrapping Outlook's object (with its
+// text and descriptor formats hidden); `option` is the wrapper's own text
+// (none when empty), and the wrapper keeps `items` alive for as long as the
+// target holds the object.
 HRESULT CreateDataObjectForFiles(IDataObject* outlookDataObject, const std::wstring& option, const PathList& paths,
                                  Microsoft::WRL::ComPtr<IDataObject>& dataObjectNew,
                                  std::shared_ptr<DDItems> items = nullptr);

@@ -1,5 +1,6 @@
 #include "dataobject/file_data_object.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "dataobject/com_interface.h"
 #include "dataobject/file_name_blocks.h"
@@ -123,12 +124,14 @@ HRESULT STDMETHODCALLTYPE FileDataObject::GetData(FORMATETC* format, STGMEDIUM* 
         const HRESULT hr = queryRendered(*format);
         if (FAILED(hr))
             return hr;
-        HGLOBAL block = render(format->cfFormat);
-        if (!block)
-            return E_FAIL;
-        medium->tymed = TYMED_HGLOBAL;
-        medium->hGlobal = block;
-        return S_OK;
+        return barrier("FileDataObject::GetData", [&] {
+            HGLOBAL block = render(format->cfFormat);
+            if (!block)
+                return E_FAIL;
+            medium->tymed = TYMED_HGLOBAL;
+            medium->hGlobal = block;
+            return S_OK;
+        });
     }
     return inner_ ? inner_->GetData(format, medium) : DV_E_FORMATETC;
 }
@@ -198,8 +201,12 @@ HRESULT STDMETHODCALLTYPE FileDataObject::SetData(FORMATETC* format, STGMEDIUM* 
             return E_OUTOFMEMORY;
         }
     }
-    KV_DEBUG(logger) << "FileDataObject.SetData " << describeFormat(key) << ", release=" << (release != FALSE);
-    return S_OK;
+    // The medium is this object's now: nothing that happens to the log line
+    // may make the caller think otherwise.
+    return barrier("FileDataObject::SetData", S_OK, [&] {
+        KV_DEBUG(logger) << "FileDataObject.SetData " << describeFormat(key) << ", release=" << (release != FALSE);
+        return S_OK;
+    });
 }
 
 HRESULT STDMETHODCALLTYPE FileDataObject::EnumFormatEtc(DWORD direction, IEnumFORMATETC** enumerator)
@@ -211,7 +218,7 @@ HRESULT STDMETHODCALLTYPE FileDataObject::EnumFormatEtc(DWORD direction, IEnumFO
         return E_NOTIMPL;
 
     std::vector<FORMATETC> formats;
-    try {
+    const HRESULT listed = barrier("FileDataObject::EnumFormatEtc", [&] {
         for (const StoredFormat& stored : stored_)
             formats.push_back(copyFormatEtc(stored.format));
         for (const FORMATETC& rendered : renderedFormats()) {
@@ -225,9 +232,11 @@ HRESULT STDMETHODCALLTYPE FileDataObject::EnumFormatEtc(DWORD direction, IEnumFO
                     formats.push_back(copyFormatEtc(format));
             });
         }
-    } catch (const std::bad_alloc&) {
+        return S_OK;
+    });
+    if (FAILED(listed)) {
         freeAll(formats);
-        return E_OUTOFMEMORY;
+        return listed;
     }
 
     auto* formatEnumerator = new (std::nothrow) MyEnumFORMATETC(std::move(formats));

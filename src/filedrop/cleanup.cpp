@@ -1,6 +1,7 @@
 #include "filedrop/cleanup.h"
 
 #include "addin/globals.h"
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "common/unique_resource.h"
 
@@ -81,13 +82,10 @@ void removeOldDirectory(FileDropState& state, const std::wstring& path, const WI
 void CleanupTask::operator()() const
 {
     // Nothing may leave a thread function: an exception there ends Outlook.
-    try {
+    barrier("cleanupLoop", [this] {
         cleanupLoop(state_);
-    } catch (const std::exception& e) {
-        KV_ERROR(logger) << "cleanupLoop ended by exception " << e.what();
-    } catch (...) {
-        KV_ERROR(logger) << "cleanupLoop ended by an unknown exception";
-    }
+        return S_OK;
+    });
 }
 
 void cleanupLoop(FileDropState& state)

@@ -57,17 +57,14 @@ HRESULT buildFileDataObject(IDataObject* outlookDataObject, const std::shared_pt
 {
     const PathList paths = pathsOf(*items);
 
+    // The text goes to the filtering wrapper, which gives it to no one over
+    // the SAP logon pad; set on the outer object it would pass by the filter.
+    const std::wstring text = textFor(settings.getTextFormat(), *items, outlookDataObject);
     ComPtr<IDataObject> dataObjectNew;
-    const HRESULT created = CreateDataObjectForFiles(outlookDataObject, L"", paths, dataObjectNew, items);
-    KV_DEBUG(logger) << "pDataObjectNew=" << dataObjectNew.Get() << ", hr=" << created;
+    const HRESULT created = CreateDataObjectForFiles(outlookDataObject, text, paths, dataObjectNew, items);
+    KV_DEBUG(logger) << "pDataObjectNew=" << dataObjectNew.Get() << ", hr=" << created << ", #text=" << text.size();
     if (!dataObjectNew)
         return E_FAIL;
-
-    const std::wstring text = textFor(settings.getTextFormat(), *items, outlookDataObject);
-    if (!text.empty()) {
-        const HRESULT hr = setText(dataObjectNew.Get(), text);
-        KV_DEBUG(logger) << "setText hr=" << hr;
-    }
 
     // The targets that read descriptors, file names or contents find the
     // files there as well; a format that can't be added leaves the others.
@@ -90,9 +87,12 @@ void init()
     FileDropState& state = fileDropState();
     RegisterDataFormats();
     // A worker of an earlier switch-on still finishing its pass reads
-    // tempDir; let it end before the folder name is written again.
-    if (state.cleanupWorker.joinable())
+    // tempDir; let it end before the folder name is written again. One that
+    // was never told to stop (a switch-on cut short) is told now.
+    if (state.cleanupWorker.joinable()) {
+        stopCleanupLoop(state);
         state.cleanupWorker.join();
+    }
     initTempDir(state.tempDir);
     startCleanupWorker(state);
     KV_DEBUG(logger) << ")init";

@@ -7,6 +7,7 @@
 #include "hook/drag_entry.h"
 #include "common/com_ptr.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "filedrop/file_drop.h"
 #include "hook/drop_source.h"
@@ -48,15 +49,27 @@ public:
 // After the drag, the effect Outlook sees decides whether it deletes the
 // mail: a drop into another program counts as a copy ("always copy"), or,
 // without that rule, a drop that reports nothing while Shift was held is the
-// move the user asked for.
-void correctEffect(Globals& settings, const MyDropSource& dropSource, DWORD* effect)
+// move the user asked for. Only a drop is corrected: a cancelled or failed
+// drag reports what ole32 reported, so Outlook never moves a mail that went
+// nowhere.
+void correctEffect(Globals& settings, const MyDropSource& dropSource, HRESULT dragResult, DWORD* effect)
 {
-    if (settings.getIgnoreTargetEffectIfDroppedIntoOtherApplication()) {
+    const DWORD reported = effect ? *effect : DROPEFFECT_NONE;
+    const char* rule = "none, no drop";
+    if (dragResult != DRAGDROP_S_DROP) {
+        // left as ole32 reported it
+    } else if (settings.getIgnoreTargetEffectIfDroppedIntoOtherApplication()) {
+        rule = "always copy";
         applyAlwaysCopyRule(effect);
-    } else if (effect && *effect == DROPEFFECT_NONE && dropSource.shiftHeld()) {
-        *effect = DROPEFFECT_MOVE;
-        KV_INFO(logger) << "correct drop effect to DROPEFFECT_MOVE";
+    } else {
+        rule = "Shift means move";
+        if (effect && *effect == DROPEFFECT_NONE && dropSource.shiftHeld()) {
+            *effect = DROPEFFECT_MOVE;
+            KV_INFO(logger) << "correct drop effect to DROPEFFECT_MOVE";
+        }
     }
+    KV_INFO(logger) << "drop effect rule: " << rule << ", ret=" << dragResult << ", effect "
+                    << dropEffectName(reported) << " -> " << dropEffectName(effect ? *effect : DROPEFFECT_NONE);
 }
 
 // The add-in's part of a drag. `tookPart` is set just before the true
@@ -87,7 +100,8 @@ void takePartInDrag(Globals& settings, IDataObject* dataObject, IDropSource* dro
     KV_INFO(logger) << "g_DoDragDrop, ret=" << result;
     g_dataObject.Reset();
 
-    correctEffect(settings, *myDropSource.Get(), effect);
+    faultPoint("MyDoDragDrop after the drag");
+    correctEffect(settings, *myDropSource.Get(), result, effect);
 }
 
 // The add-in's part of a clipboard copy; false when Outlook's own object has
@@ -129,23 +143,23 @@ IDataObject* currentDragDataObject()
     return g_dataObject.Get();
 }
 
+// The replacements run in Outlook's stack: behind their barriers nothing of
+// ours escapes, and whatever fails before the true function ran leaves
+// Outlook's own call to happen as if the add-in weren't there.
 HRESULT WINAPI MyDoDragDrop(IDataObject* dataObject, IDropSource* dropSource, DWORD okEffects, DWORD* effect)
 {
     KV_DEBUG(logger) << "MyDoDragDrop(dwOKEffects=" << okEffects << ", pDataObject=" << dataObject
                      << ", pDropSource=" << dropSource;
     HRESULT result = E_UNEXPECTED;
     bool tookPart = false;
-    try {
+    barrier("MyDoDragDrop", [&] {
         Globals& settings = hookSettings();
         const bool locked = settings.getLocked();
         KV_INFO(logger) << "Start DoDragDrop, locked=" << locked << " ------------";
         if (!locked && dataObject && !dragInProgress)
             takePartInDrag(settings, dataObject, dropSource, okEffects, effect, result, tookPart);
-    } catch (...) {
-        // Nothing may be thrown into Outlook; if the true DoDragDrop already
-        // ran, its answer stands.
-        KV_ERROR(logger) << "MyDoDragDrop failed with an exception";
-    }
+        return S_OK;
+    });
     if (!tookPart) {
         KV_INFO(logger) << "process default DoDragDrop";
         result = g_DoDragDrop(dataObject, dropSource, okEffects, effect);
@@ -168,16 +182,15 @@ HRESULT WINAPI MyOleSetClipboard(IDataObject* dataObject)
     KV_DEBUG(logger) << "MyOleSetClipboard(pDataObject=" << dataObject;
     HRESULT result = E_UNEXPECTED;
     bool tookPart = false;
-    try {
+    barrier("MyOleSetClipboard", [&] {
         Globals& settings = hookSettings();
         const bool locked = settings.getLocked();
         KV_INFO(logger) << "Start DoDragDrop, locked=" << locked << " ------------";
         // A null object is Outlook emptying the clipboard.
         if (!locked && dataObject)
             tookPart = takePartInCopy(settings, dataObject, result);
-    } catch (...) {
-        KV_ERROR(logger) << "MyOleSetClipboard failed with an exception";
-    }
+        return S_OK;
+    });
     if (!tookPart) {
         KV_INFO(logger) << "process default OleSetClipboard";
         result = g_OleSetClipboard(dataObject);

@@ -1,5 +1,6 @@
 #include "hook/drop_source.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "addin/outlook_application.h"
@@ -47,8 +48,11 @@ struct BalloonRemoval {
 DWORD WINAPI removeBalloonLater(void* parameter)
 {
     auto* removal = static_cast<BalloonRemoval*>(parameter);
-    Sleep(balloonTimeoutMs);
-    Shell_NotifyIconW(NIM_DELETE, &removal->icon);
+    barrier("removeBalloonLater", [removal] {
+        Sleep(balloonTimeoutMs);
+        Shell_NotifyIconW(NIM_DELETE, &removal->icon);
+        return S_OK;
+    });
     const HMODULE module = removal->module;
     delete removal;
     // The thread holds a reference on this module, so the add-in can't be
@@ -135,7 +139,12 @@ ULONG STDMETHODCALLTYPE MyDropSource::Release()
 
 HRESULT STDMETHODCALLTYPE MyDropSource::QueryContinueDrag(BOOL escapePressed, DWORD keyState)
 {
-    updateDropTarget();
+    // Where the cursor is matters only to the rules after the drag; a
+    // failure to find out must not stop the drag itself.
+    barrier("MyDropSource::QueryContinueDrag", [] {
+        updateDropTarget();
+        return S_OK;
+    });
     lastKeyState_ = keyState;
     HRESULT hr = inner_ ? inner_->QueryContinueDrag(escapePressed, keyState)
                         : defaultQueryContinueDrag(escapePressed, keyState);
@@ -144,13 +153,17 @@ HRESULT STDMETHODCALLTYPE MyDropSource::QueryContinueDrag(BOOL escapePressed, DW
         KV_DEBUG(logger) << "DRAGDROP_S_DROP";
         if (items_ && !items_->empty()) {
             // The target reads the files as soon as this returns: they must
-            // be complete by then.
+            // be complete by then. Saving runs inside ole32's modal loop, in
+            // Outlook's stack: whatever goes wrong is a failed save.
             WaitCursor waitCursor;
-            const HRESULT saved = items_->save();
+            const HRESULT saved = barrier("ddItems->save", [this] { return items_->save(); });
             KV_DEBUG(logger) << "ddItems saved, hr=" << saved;
             if (FAILED(saved) && dropTargetState().droppedIntoOtherApplication) {
                 // Better no drop at all than half-written files in another program.
-                notifySaveFailed();
+                barrier("notifySaveFailed", [] {
+                    notifySaveFailed();
+                    return S_OK;
+                });
                 hr = E_FAIL;
             }
         }
@@ -162,7 +175,10 @@ HRESULT STDMETHODCALLTYPE MyDropSource::QueryContinueDrag(BOOL escapePressed, DW
 
 HRESULT STDMETHODCALLTYPE MyDropSource::GiveFeedback(DWORD effect)
 {
-    updateDropTarget();
+    barrier("MyDropSource::GiveFeedback", [] {
+        updateDropTarget();
+        return S_OK;
+    });
     const HRESULT hr = inner_ ? inner_->GiveFeedback(effect) : DRAGDROP_S_USEDEFAULTCURSORS;
     if (hr == DRAGDROP_S_USEDEFAULTCURSORS)
         KV_DEBUG(logger) << "DRAGDROP_S_USEDEFAULTCURSORS";

@@ -2,6 +2,7 @@
 // and plain text of its own.
 #include "hook/filter_data_object.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "dataobject/com_interface.h"
 #include "common/strings.h"
@@ -75,61 +76,68 @@ HRESULT STDMETHODCALLTYPE MyDataObjectFilterFormat::GetData(FORMATETC* format, S
 {
     if (!format || !medium)
         return E_INVALIDARG;
-    HRESULT hr = E_FAIL;
-    if (!isEnabled(format->cfFormat)) {
-        hr = E_FAIL;
-    } else if (isTextFormat(format->cfFormat)) {
-        *medium = STGMEDIUM{};
-        if (text_.empty()) {
+    return barrier("MyDataObjectFilterFormat::GetData", [&] {
+        HRESULT hr = E_FAIL;
+        if (!isEnabled(format->cfFormat)) {
             hr = E_FAIL;
-        } else if (!(format->tymed & TYMED_HGLOBAL)) {
-            hr = DV_E_TYMED;
-        } else {
-            HGLOBAL block = format->cfFormat == CF_TEXT
-                                ? ansiTextBlock(text_)
-                                : globalFromBytes(text_.c_str(), (text_.size() + 1) * sizeof(wchar_t));
-            if (block) {
-                medium->tymed = TYMED_HGLOBAL;
-                medium->hGlobal = block;
-                hr = S_OK;
+        } else if (isTextFormat(format->cfFormat)) {
+            *medium = STGMEDIUM{};
+            if (text_.empty()) {
+                hr = E_FAIL;
+            } else if (!(format->tymed & TYMED_HGLOBAL)) {
+                hr = DV_E_TYMED;
             } else {
-                hr = E_OUTOFMEMORY;
+                HGLOBAL block = format->cfFormat == CF_TEXT
+                                    ? ansiTextBlock(text_)
+                                    : globalFromBytes(text_.c_str(), (text_.size() + 1) * sizeof(wchar_t));
+                if (block) {
+                    medium->tymed = TYMED_HGLOBAL;
+                    medium->hGlobal = block;
+                    hr = S_OK;
+                } else {
+                    hr = E_OUTOFMEMORY;
+                }
             }
+        } else {
+            hr = inner_ ? inner_->GetData(format, medium) : DV_E_FORMATETC;
         }
-    } else {
-        hr = inner_ ? inner_->GetData(format, medium) : DV_E_FORMATETC;
-    }
-    KV_DEBUG(logger) << "GetData format=" << clipboardFormatName(format->cfFormat) << ", lindex=" << format->lindex
-                     << ", hr=" << hr;
-    return hr;
+        KV_DEBUG(logger) << "GetData format=" << clipboardFormatName(format->cfFormat)
+                         << ", lindex=" << format->lindex << ", hr=" << hr;
+        return hr;
+    });
 }
 
 HRESULT STDMETHODCALLTYPE MyDataObjectFilterFormat::GetDataHere(FORMATETC* format, STGMEDIUM* medium)
 {
     if (!format || !medium)
         return E_INVALIDARG;
-    HRESULT hr = E_FAIL;
-    if (isEnabled(format->cfFormat))
-        hr = inner_ ? inner_->GetDataHere(format, medium) : DV_E_FORMATETC;
-    KV_DEBUG(logger) << "GetDataHere format=" << clipboardFormatName(format->cfFormat) << ", hr=" << hr;
-    return hr;
+    return barrier("MyDataObjectFilterFormat::GetDataHere", [&] {
+        // Text is only ever this object's own, never Outlook's.
+        HRESULT hr = E_FAIL;
+        if (isEnabled(format->cfFormat) && !isTextFormat(format->cfFormat))
+            hr = inner_ ? inner_->GetDataHere(format, medium) : DV_E_FORMATETC;
+        KV_DEBUG(logger) << "GetDataHere format=" << clipboardFormatName(format->cfFormat) << ", hr=" << hr;
+        return hr;
+    });
 }
 
 HRESULT STDMETHODCALLTYPE MyDataObjectFilterFormat::QueryGetData(FORMATETC* format)
 {
     if (!format)
         return E_INVALIDARG;
-    const bool enabled = isEnabled(format->cfFormat);
-    HRESULT hr = E_FAIL;
-    if (!enabled)
-        hr = E_FAIL;
-    else if (isTextFormat(format->cfFormat))
-        hr = text_.empty() ? E_FAIL : S_OK;
-    else
-        hr = inner_ ? inner_->QueryGetData(format) : DV_E_FORMATETC;
-    KV_DEBUG(logger) << ", QueryGetData format=" << clipboardFormatName(format->cfFormat) << ", enabled=" << enabled
-                     << ", hr=" << hr;
-    return hr;
+    return barrier("MyDataObjectFilterFormat::QueryGetData", [&] {
+        const bool enabled = isEnabled(format->cfFormat);
+        HRESULT hr = E_FAIL;
+        if (!enabled)
+            hr = E_FAIL;
+        else if (isTextFormat(format->cfFormat))
+            hr = text_.empty() ? E_FAIL : S_OK;
+        else
+            hr = inner_ ? inner_->QueryGetData(format) : DV_E_FORMATETC;
+        KV_DEBUG(logger) << ", QueryGetData format=" << clipboardFormatName(format->cfFormat)
+                         << ", enabled=" << enabled << ", hr=" << hr;
+        return hr;
+    });
 }
 
 HRESULT STDMETHODCALLTYPE MyDataObjectFilterFormat::GetCanonicalFormatEtc(FORMATETC* in, FORMATETC* out)
@@ -150,18 +158,19 @@ HRESULT STDMETHODCALLTYPE MyDataObjectFilterFormat::EnumFormatEtc(DWORD directio
     if (!inner_)
         return E_NOTIMPL;
     std::vector<FORMATETC> kept;
-    HRESULT hr = S_OK;
-    try {
-        hr = forEachFormat(inner_.Get(), direction, [&](const FORMATETC& format) {
-            const bool enabled = isEnabled(format.cfFormat);
+    HRESULT hr = barrier("MyDataObjectFilterFormat::EnumFormatEtc", [&] {
+        // Outlook's text is never passed on: the text offered is this object's own.
+        HRESULT found = forEachFormat(inner_.Get(), direction, [&](const FORMATETC& format) {
+            const bool enabled = isEnabled(format.cfFormat) && !isTextFormat(format.cfFormat);
             KV_DEBUG(logger) << "innerDataObject->Next, format=" << clipboardFormatName(format.cfFormat)
                              << ", enabled=" << enabled;
             if (enabled)
                 kept.push_back(copyFormatEtc(format));
         });
-    } catch (const std::bad_alloc&) {
-        hr = E_OUTOFMEMORY;
-    }
+        if (SUCCEEDED(found) && direction == DATADIR_GET && !text_.empty() && isEnabled(CF_UNICODETEXT))
+            kept.push_back(hglobalFormat(CF_UNICODETEXT));
+        return found;
+    });
     if (SUCCEEDED(hr)) {
         // The enumerator owns the records' target devices from here on.
         auto* filtered = new (std::nothrow) MyEnumFORMATETC(std::move(kept));

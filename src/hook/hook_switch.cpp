@@ -3,6 +3,7 @@
 // clipboard copies on Outlook's behalf.
 #include "hook/import_hook.h"
 
+#include "addin/exception_barrier.h"
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "filedrop/file_drop.h"
@@ -11,13 +12,18 @@
 #include <psapi.h>
 
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 namespace {
 
 Logger logger("HookDD");
 
-bool dragDropEnabled = false;
+// The delayed start switches on from a thread of its own while Outlook's
+// thread may switch off (disconnection) or on (the ribbon): one switch at a
+// time, so that the flag, the file-drop unit and the slots end in one state.
+std::mutex switchLock;
+bool dragDropEnabled = false; // guarded by switchLock
 // Whether CaptureClipboard was on when interception went on: the executable's
 // OleSetClipboard slot is then put back when it goes off, even if the setting
 // has been switched off meanwhile.
@@ -55,41 +61,45 @@ DWORD hookModule(const char* moduleName, HMODULE module, bool enable)
 
 DWORD EnableDragDrop(bool enable)
 {
-    KV_DEBUG(logger) << "EnableDragDrop(enable=" << enable;
-    HMODULE hostExecutable = GetModuleHandleW(nullptr);
-    if (enable == dragDropEnabled) {
-        KV_DEBUG(logger) << ")EnableDragDrop=0, unchanged";
-        return 0;
-    }
+    return barrier("EnableDragDrop", DWORD(0), [enable] {
+        KV_DEBUG(logger) << "EnableDragDrop(enable=" << enable;
+        HMODULE hostExecutable = GetModuleHandleW(nullptr);
+        const std::lock_guard<std::mutex> guard(switchLock);
+        if (enable == dragDropEnabled) {
+            KV_DEBUG(logger) << ")EnableDragDrop=0, unchanged";
+            return 0;
+        }
 
-    // The replacements call the true functions and unhooking writes them
-    // back; without them no slot may be touched.
-    if (!loadTrueFunctions()) {
-        KV_ERROR(logger) << ")EnableDragDrop=0, interception left as it was";
-        return 0;
-    }
-    const ULONGLONG start = GetTickCount64();
-    if (enable) {
-        clipboardHooked = hookSettings().getCaptureClipboard();
-        FileDrop::init();
-        hookModule(nullptr, hostExecutable, true);
-    } else {
-        FileDrop::done();
-        hookModule(nullptr, hostExecutable, false);
-        clipboardHooked = false;
-    }
-    // The Office modules keep the replacements even when interception goes
-    // off: those decide for themselves whether to take part (Locked).
-    for (const char* name : hookedOfficeModules)
-        hookModule(name, nullptr, true);
+        // The replacements call the true functions and unhooking writes them
+        // back; without them no slot may be touched.
+        if (!loadTrueFunctions()) {
+            KV_ERROR(logger) << ")EnableDragDrop=0, interception left as it was";
+            return 0;
+        }
+        const ULONGLONG start = GetTickCount64();
+        if (enable) {
+            clipboardHooked = hookSettings().getCaptureClipboard();
+            FileDrop::init();
+            hookModule(nullptr, hostExecutable, true);
+        } else {
+            FileDrop::done();
+            hookModule(nullptr, hostExecutable, false);
+            clipboardHooked = false;
+        }
+        // The Office modules keep the replacements even when interception goes
+        // off: those decide for themselves whether to take part (Locked).
+        for (const char* name : hookedOfficeModules)
+            hookModule(name, nullptr, true);
 
-    dragDropEnabled = enable;
-    KV_INFO(logger) << ")EnableDragDrop=0, enable=" << enable << ", ms=" << (GetTickCount64() - start);
-    return 0;
+        dragDropEnabled = enable;
+        KV_INFO(logger) << ")EnableDragDrop=0, enable=" << enable << ", ms=" << (GetTickCount64() - start);
+        return 0;
+    });
 }
 
 bool isDragDropEnabled()
 {
+    const std::lock_guard<std::mutex> guard(switchLock);
     return dragDropEnabled;
 }
 

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "install/base64_files.h"
+#include "addin/exception_barrier.h"
 #include "addin/log.h"
 #include "common/unique_resource.h"
 #include "install/base64.h"
@@ -48,21 +49,22 @@ HRESULT writeWholeFile(const wchar_t* path, const std::string& bytes)
 template <typename Transform>
 HRESULT transformFile(const char* name, const wchar_t* inputFile, const wchar_t* outputFile, Transform transform)
 {
-    if (!inputFile || !outputFile)
-        return E_POINTER;
-    KV_DEBUG(logger) << name << "(inputFile=" << inputFile << ", outputFile=" << outputFile;
-    HRESULT hr = E_FAIL;
-    if (const auto input = readWholeFile(inputFile)) {
-        const std::optional<std::string> output = transform(*input);
-        hr = output ? writeWholeFile(outputFile, *output) : HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
-    } else {
-        hr = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-    }
-    if (FAILED(hr)) {
-        KV_WARN(logger) << name << " failed for " << inputFile << ", hr=" << hr;
-    }
-    KV_DEBUG(logger) << ")" << name << "=" << hr;
-    return hr;
+    return exportedCall(name, [&] {
+        if (!inputFile || !outputFile)
+            return E_POINTER;
+        KV_DEBUG(logger) << "inputFile=" << inputFile << ", outputFile=" << outputFile;
+        HRESULT hr = E_FAIL;
+        if (const auto input = readWholeFile(inputFile)) {
+            const std::optional<std::string> output = transform(*input);
+            hr = output ? writeWholeFile(outputFile, *output) : HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+        } else {
+            hr = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+        }
+        if (FAILED(hr)) {
+            KV_WARN(logger) << name << " failed for " << inputFile << ", hr=" << hr;
+        }
+        return hr;
+    });
 }
 
 } // namespace

@@ -74,7 +74,7 @@ bool createKey(const std::wstring& path)
     const RegUtil::KeyPath keyPath = RegUtil::parseKeyPath(path);
     UniqueRegKey key;
     const LSTATUS status = RegCreateKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                           KEY_WRITE | RegUtil::registryView(), nullptr, key.put(), nullptr);
+                                           KEY_WRITE | keyPath.view, nullptr, key.put(), nullptr);
     KV_DEBUG(logger) << "RegCreateKeyEx " << path << " =" << status;
     return status == ERROR_SUCCESS;
 }
@@ -84,7 +84,7 @@ bool deleteKeyIfEmpty(const std::wstring& path)
 {
     const RegUtil::KeyPath keyPath = RegUtil::parseKeyPath(path);
     UniqueRegKey key;
-    if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_READ | RegUtil::registryView(), key.put()) !=
+    if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_READ | keyPath.view, key.put()) !=
         ERROR_SUCCESS)
         return false;
     DWORD subKeys = 0;
@@ -94,25 +94,6 @@ bool deleteKeyIfEmpty(const std::wstring& path)
                        subKeys == 0 && values == 0;
     key.reset();
     return empty && RegUtil::deleteKey(path);
-}
-
-// Deletes the key, then each key above it that is left empty, up to (not
-// including) `stopAt`: the containers that registration created on the way
-// (a fresh machine has no Outlook\Addins key) go with the add-in's own keys.
-bool deleteKeyAndEmptyParents(const std::wstring& path, const std::wstring& stopAt)
-{
-    const bool gone = RegUtil::deleteKeyIfExists(path);
-    std::wstring parent = path;
-    for (;;) {
-        const size_t separator = parent.rfind(L'\\');
-        if (separator == std::wstring::npos)
-            break;
-        parent.resize(separator);
-        if (parent.size() <= stopAt.size() || parent.compare(0, stopAt.size(), stopAt) != 0 ||
-            !deleteKeyIfEmpty(parent))
-            break;
-    }
-    return gone;
 }
 
 bool registerClass(RegistrationScope scope, const std::wstring& modulePathText)
@@ -160,7 +141,7 @@ bool registerTypeLibrary(RegistrationScope scope, const std::wstring& modulePath
            RegUtil::setRegValue(iface + L"\\TypeLib", L"Version", typeLibraryVersion);
 }
 
-bool registerOutlookAddin(RegistrationScope scope)
+bool writeOutlookAddinKey(RegistrationScope scope)
 {
     const Globals& globals = Globals::instance();
     const std::wstring key = addinKey(scope);
@@ -169,7 +150,65 @@ bool registerOutlookAddin(RegistrationScope scope)
            RegUtil::setRegValue(key, L"Description", globals.addinDescription());
 }
 
-bool removeSettings(RegistrationScope scope)
+} // namespace
+
+HRESULT registerComClass(RegistrationScope scope, HMODULE module)
+{
+    const std::wstring path = modulePath(module, 1000);
+    KV_DEBUG(logger) << "registerComClass(forUser=" << (scope == RegistrationScope::CurrentUser) << ", path=" << path;
+    HRESULT hr = S_OK;
+    if (path.empty()) {
+        hr = HRESULT_FROM_WIN32(GetLastError());
+    } else {
+        ScopedRegistryView view(0);
+        if (!registerClass(scope, path))
+            hr = SELFREG_E_CLASS;
+        else if (!registerTypeLibrary(scope, path))
+            hr = SELFREG_E_TYPELIB;
+    }
+    if (FAILED(hr))
+        removeComClass(scope);
+    KV_DEBUG(logger) << ")registerComClass=" << hr;
+    return hr;
+}
+
+bool removeComClass(RegistrationScope scope)
+{
+    ScopedRegistryView view(0);
+    const std::wstring root = classesRoot(scope);
+    bool gone = true;
+    for (const std::wstring& key : {root + addinVersionedProgId, root + addinProgId, classKey(scope),
+                                    typeLibraryKey(scope), interfaceKey(scope)}) {
+        // The machine's class containers (CLSID, TypeLib, Interface) are
+        // Windows' own; a user's may have been made for this add-in.
+        gone = (scope == RegistrationScope::Machine ? RegUtil::deleteKeyIfExists(key)
+                                                    : deleteKeyAndEmptyParents(key, L"HKCU\\Software\\Classes")) &&
+               gone;
+    }
+    return gone;
+}
+
+HRESULT registerOutlookAddin(RegistrationScope scope)
+{
+    ScopedRegistryView view(RegUtil::registryView());
+    RegUtil::getRegistryViewForOutlooksBitness();
+    if (writeOutlookAddinKey(scope))
+        return S_OK;
+    removeOutlookAddin(scope);
+    return SELFREG_E_CLASS;
+}
+
+bool removeOutlookAddin(RegistrationScope scope)
+{
+    ScopedRegistryView view(RegUtil::registryView());
+    RegUtil::getRegistryViewForOutlooksBitness();
+    // Office's own key stays, even when the add-in's was all that was in it.
+    const std::wstring office = scope == RegistrationScope::Machine ? L"HKLM\\Software\\Microsoft\\Office"
+                                                                    : L"HKCU\\Software\\Microsoft\\Office";
+    return deleteKeyAndEmptyParents(addinKey(scope), office);
+}
+
+bool removeProductSettings(RegistrationScope scope)
 {
     const Globals& globals = Globals::instance();
     const std::wstring product = L"\\Software\\" + globals.companyName() + L"\\" + globals.productName();
@@ -179,74 +218,17 @@ bool removeSettings(RegistrationScope scope)
     return gone;
 }
 
-// Everything registerAddin writes: the class, its type library and
-// interface, and Outlook's add-in key.
-bool removeRegistration(RegistrationScope scope)
+bool deleteKeyAndEmptyParents(const std::wstring& path, const std::wstring& stopAt)
 {
-    bool gone = true;
-    {
-        ScopedRegistryView view(0);
-        const std::wstring root = classesRoot(scope);
-        for (const std::wstring& key : {root + addinVersionedProgId, root + addinProgId, classKey(scope),
-                                        typeLibraryKey(scope), interfaceKey(scope)}) {
-            // The machine's class containers (CLSID, TypeLib, Interface) are
-            // Windows' own; a user's may have been made for this add-in.
-            gone = (scope == RegistrationScope::Machine ? RegUtil::deleteKeyIfExists(key)
-                                                        : deleteKeyAndEmptyParents(key, L"HKCU\\Software\\Classes")) &&
-                   gone;
-        }
-    }
-    ScopedRegistryView view(RegUtil::registryView());
-    RegUtil::getRegistryViewForOutlooksBitness();
-    // Office's own key stays, even when the add-in's was all that was in it.
-    const std::wstring office =
-        scope == RegistrationScope::Machine ? L"HKLM\\Software\\Microsoft\\Office" : L"HKCU\\Software\\Microsoft\\Office";
-    return deleteKeyAndEmptyParents(addinKey(scope), office) && gone;
+    const bool gone = RegUtil::deleteKeyIfExists(path);
+    deleteEmptyKeys(path.substr(0, path.rfind(L'\\')), stopAt);
+    return gone;
 }
 
-} // namespace
-
-HRESULT registerAddin(RegistrationScope scope, HMODULE module)
+void deleteEmptyKeys(const std::wstring& path, const std::wstring& stopAt)
 {
-    const std::wstring path = modulePath(module, 1000);
-    KV_DEBUG(logger) << "registerAddin(forUser=" << (scope == RegistrationScope::CurrentUser) << ", path=" << path;
-    if (path.empty())
-        return HRESULT_FROM_WIN32(GetLastError());
-
-    HRESULT hr = S_OK;
-    {
-        // The class is registered in the view of the add-in's own bitness:
-        // that is where the Outlook that can load this file looks.
-        ScopedRegistryView view(0);
-        if (!registerClass(scope, path))
-            hr = SELFREG_E_CLASS;
-        else if (!registerTypeLibrary(scope, path))
-            hr = SELFREG_E_TYPELIB;
-    }
-    if (SUCCEEDED(hr)) {
-        ScopedRegistryView view(RegUtil::registryView());
-        RegUtil::getRegistryViewForOutlooksBitness();
-        if (!registerOutlookAddin(scope))
-            hr = SELFREG_E_CLASS;
-    }
-    if (FAILED(hr)) {
-        KV_ERROR(logger) << "registration failed, hr=" << hr;
-        removeRegistration(scope);
-    }
-    KV_DEBUG(logger) << ")registerAddin=" << hr;
-    return hr;
-}
-
-HRESULT unregisterAddin(RegistrationScope scope)
-{
-    KV_DEBUG(logger) << "unregisterAddin(forUser=" << (scope == RegistrationScope::CurrentUser);
-    bool gone = removeRegistration(scope);
-    {
-        ScopedRegistryView view(RegUtil::registryView());
-        RegUtil::getRegistryViewForOutlooksBitness();
-        gone = removeSettings(scope) && gone;
-    }
-    const HRESULT hr = gone ? S_OK : SELFREG_E_CLASS;
-    KV_DEBUG(logger) << ")unregisterAddin=" << hr;
-    return hr;
+    std::wstring key = path;
+    while (key.size() > stopAt.size() && key.compare(0, stopAt.size(), stopAt) == 0 && key[stopAt.size()] == L'\\' &&
+           deleteKeyIfEmpty(key))
+        key.resize(key.rfind(L'\\'));
 }

@@ -3,6 +3,7 @@
 #include "addin/log.h"
 #include "common/unique_resource.h"
 
+#include <algorithm>
 #include <optional>
 #include <vector>
 
@@ -48,10 +49,10 @@ std::optional<std::wstring> valueAsText(DWORD type, const std::vector<BYTE>& dat
     }
 }
 
-std::optional<std::wstring> readValue(HKEY root, const std::wstring& subKey, const wchar_t* valueName)
+std::optional<std::wstring> readValue(const KeyPath& keyPath, const std::wstring& subKey, const wchar_t* valueName)
 {
     UniqueRegKey key;
-    LSTATUS status = RegOpenKeyExW(root, subKey.c_str(), 0, KEY_READ | currentView, key.put());
+    LSTATUS status = RegOpenKeyExW(keyPath.root, subKey.c_str(), 0, KEY_READ | keyPath.view, key.put());
     if (status != ERROR_SUCCESS)
         return std::nullopt;
 
@@ -74,6 +75,42 @@ std::optional<std::wstring> readValue(HKEY root, const std::wstring& subKey, con
     return std::nullopt;
 }
 
+bool onWindows64()
+{
+    if (addinIs64)
+        return true;
+    BOOL wow64 = FALSE;
+    return IsWow64Process(GetCurrentProcess(), &wow64) && wow64;
+}
+
+// Rewrites the "(Wow6432Node)" components of a subkey path; true when the
+// path now names the 32-bit place explicitly.
+bool expandWow6432Token(std::wstring& subKey)
+{
+    static constexpr std::wstring_view token = L"(Wow6432Node)";
+    if (subKey.find(token) == std::wstring::npos)
+        return false;
+    const bool thirtyTwoBitPlace =
+        onWindows64() && (currentView == KEY_WOW64_32KEY || (currentView == 0 && !addinIs64));
+    std::wstring rewritten;
+    size_t start = 0;
+    while (start <= subKey.size()) {
+        const size_t end = std::min(subKey.find(L'\\', start), subKey.size());
+        std::wstring_view component = std::wstring_view(subKey).substr(start, end - start);
+        start = end + 1;
+        if (component == token) {
+            if (!thirtyTwoBitPlace)
+                continue;
+            component = L"Wow6432Node";
+        }
+        if (!rewritten.empty())
+            rewritten += L'\\';
+        rewritten += component;
+    }
+    subKey = std::move(rewritten);
+    return thirtyTwoBitPlace;
+}
+
 // Views probed for the Office keys, in order.
 constexpr REGSAM probedViews[] = {KEY_WOW64_32KEY, KEY_WOW64_64KEY};
 
@@ -90,15 +127,21 @@ KeyPath parseKeyPath(std::wstring_view path)
         {L"HKEY_CURRENT_USER", HKEY_CURRENT_USER},   {L"HKCU", HKEY_CURRENT_USER},
         {L"HKEY_CLASSES_ROOT", HKEY_CLASSES_ROOT},   {L"HKCR", HKEY_CLASSES_ROOT},
     };
+    KeyPath keyPath{HKEY_CURRENT_USER, std::wstring(path), currentView};
     const size_t separator = path.find(L'\\');
     if (separator != std::wstring_view::npos) {
         const std::wstring_view rootName = path.substr(0, separator);
         for (const RootName& root : roots) {
-            if (rootName == root.name)
-                return {root.key, std::wstring(path.substr(separator + 1))};
+            if (rootName == root.name) {
+                keyPath.root = root.key;
+                keyPath.subKey = path.substr(separator + 1);
+                break;
+            }
         }
     }
-    return {HKEY_CURRENT_USER, std::wstring(path)};
+    if (expandWow6432Token(keyPath.subKey))
+        keyPath.view = KEY_WOW64_64KEY;
+    return keyPath;
 }
 
 REGSAM registryView()
@@ -148,12 +191,12 @@ bool isOutlook64()
 std::wstring readString(const std::wstring& path)
 {
     const KeyPath keyPath = parseKeyPath(path);
-    std::optional<std::wstring> value = readValue(keyPath.root, keyPath.subKey, nullptr);
+    std::optional<std::wstring> value = readValue(keyPath, keyPath.subKey, nullptr);
     if (!value || value->empty()) {
         const size_t separator = keyPath.subKey.rfind(L'\\');
         const std::wstring parent = separator == std::wstring::npos ? L"" : keyPath.subKey.substr(0, separator);
         const std::wstring name = keyPath.subKey.substr(separator == std::wstring::npos ? 0 : separator + 1);
-        value = readValue(keyPath.root, parent, name.c_str());
+        value = readValue(keyPath, parent, name.c_str());
     }
     return value.value_or(L"");
 }
@@ -177,7 +220,7 @@ bool setRegValue(const std::wstring& keyName, const std::wstring& valueName, con
             continue;
         UniqueRegKey child;
         const LSTATUS status = RegCreateKeyExW(parent, component.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                               KEY_ALL_ACCESS | currentView, nullptr, child.put(), nullptr);
+                                               KEY_ALL_ACCESS | keyPath.view, nullptr, child.put(), nullptr);
         KV_DEBUG(logger) << "RegCreateKeyEx " << component << " =" << status;
         ok = status == ERROR_SUCCESS;
         if (ok) {
@@ -203,7 +246,7 @@ bool setRegDwordValue(const std::wstring& keyName, const std::wstring& valueName
     const KeyPath keyPath = parseKeyPath(keyName);
     UniqueRegKey key;
     LSTATUS status = RegCreateKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                     KEY_ALL_ACCESS | currentView, nullptr, key.put(), nullptr);
+                                     KEY_ALL_ACCESS | keyPath.view, nullptr, key.put(), nullptr);
     if (status == ERROR_SUCCESS) {
         status = RegSetValueExW(key.get(), valueName.empty() ? nullptr : valueName.c_str(), 0, REG_DWORD,
                                 reinterpret_cast<const BYTE*>(&value), sizeof value);
@@ -221,13 +264,13 @@ bool deleteKey(const std::wstring& path)
         return false;
     }
     for (;;) {
-        const LSTATUS status = RegDeleteKeyExW(keyPath.root, keyPath.subKey.c_str(), currentView, 0);
+        const LSTATUS status = RegDeleteKeyExW(keyPath.root, keyPath.subKey.c_str(), keyPath.view, 0);
         if (status == ERROR_SUCCESS)
             return true;
 
         // A key with subkeys can't be deleted; take them away one by one.
         UniqueRegKey key;
-        if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_READ | currentView, key.put()) !=
+        if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_READ | keyPath.view, key.put()) !=
             ERROR_SUCCESS) {
             KV_DEBUG(logger) << "deleteKey " << path << " err=" << status;
             return false;
@@ -248,7 +291,7 @@ bool deleteKeyIfExists(const std::wstring& path)
 {
     const KeyPath keyPath = parseKeyPath(path);
     UniqueRegKey key;
-    if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_READ | currentView, key.put()) != ERROR_SUCCESS)
+    if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_READ | keyPath.view, key.put()) != ERROR_SUCCESS)
         return true;
     key.reset();
     return deleteKey(path);
@@ -258,7 +301,7 @@ bool deleteValueIfExists(const std::wstring& keyName, const std::wstring& valueN
 {
     const KeyPath keyPath = parseKeyPath(keyName);
     UniqueRegKey key;
-    if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_SET_VALUE | currentView, key.put()) !=
+    if (RegOpenKeyExW(keyPath.root, keyPath.subKey.c_str(), 0, KEY_SET_VALUE | keyPath.view, key.put()) !=
         ERROR_SUCCESS)
         return true;
     const LSTATUS status = RegDeleteValueW(key.get(), valueName.c_str());

@@ -12,11 +12,19 @@ namespace RegUtil {
 struct KeyPath {
     HKEY root;
     std::wstring subKey;
+    // The view flag to open it with: the current view, or the 64-bit view when
+    // the path names the 32-bit place itself (see parseKeyPath).
+    REGSAM view;
 };
 
 // Root name before the first backslash (HKLM, HKEY_LOCAL_MACHINE, HKCU,
 // HKEY_CURRENT_USER, HKCR, HKEY_CLASSES_ROOT, case-sensitive); anything else
 // is a subkey path under HKEY_CURRENT_USER.
+// A component "(Wow6432Node)" stands for the 32-bit place of a key on 64-bit
+// Windows: when the 32-bit view is in use there it becomes "Wow6432Node" and
+// the key is opened in the 64-bit view, so the path names that place whatever
+// the redirector would do; otherwise (64-bit view, 32-bit Windows) it is
+// dropped. One path thus serves both bitnesses of Outlook.
 KeyPath parseKeyPath(std::wstring_view path);
 
 // The view flag ORed into every access: 0, KEY_WOW64_32KEY or KEY_WOW64_64KEY.

@@ -2,6 +2,7 @@
 
 #include "addin/log.h"
 #include "common/unique_resource.h"
+#include "items/file_beside.h"
 #include "items/stream_copy.h"
 
 #include <shlwapi.h>
@@ -47,29 +48,31 @@ HRESULT AttachmentItem::save()
     size.QuadPart = streamSize(stream_.Get(), hr);
     KV_DEBUG(logger) << "IStream.Stat=" << hr;
 
-    KV_DEBUG(logger) << "SHCreateStreamOnFileEx, fileNameWithIdx=" << fileName_;
-    Microsoft::WRL::ComPtr<IStream> target;
-    hr = SHCreateStreamOnFileW(fileName_.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, &target);
-    KV_DEBUG(logger) << "SHCreateStreamOnFileEx=" << hr;
-    if (SUCCEEDED(hr)) {
+    hr = writeBesideThenMove(fileName_, [&](const std::wstring& beside) {
+        KV_DEBUG(logger) << "SHCreateStreamOnFileEx, fileNameWithIdx=" << beside;
+        Microsoft::WRL::ComPtr<IStream> target;
+        HRESULT written = openStreamForWriting(beside, target);
+        KV_DEBUG(logger) << "SHCreateStreamOnFileEx=" << written;
+        if (FAILED(written))
+            return written;
         // Copy from the start even if a reader moved Outlook's stream before us.
         rewind(stream_.Get());
         KV_DEBUG(logger) << "strm->CopyTo... size=" << size.QuadPart;
         ULONGLONG copied = 0;
-        hr = copyStreamBytes(stream_.Get(), target.Get(), size.QuadPart, copied);
-        KV_DEBUG(logger) << "strm->CopyTo=" << hr << ", #bytes=" << copied;
-        if (SUCCEEDED(hr)) {
+        written = copyStreamBytes(stream_.Get(), target.Get(), size.QuadPart, copied);
+        KV_DEBUG(logger) << "strm->CopyTo=" << written << ", #bytes=" << copied;
+        if (SUCCEEDED(written)) {
             KV_DEBUG(logger) << "strm->Commit...";
-            hr = target->Commit(STGC_DEFAULT);
-            KV_DEBUG(logger) << "strm->Commit=" << hr;
+            written = target->Commit(STGC_DEFAULT);
+            KV_DEBUG(logger) << "strm->Commit=" << written;
         }
         // The drop target may read Outlook's stream after us and must get all of it.
         rewind(stream_.Get());
-    }
+        return written;
+    });
     if (FAILED(hr)) {
         KV_ERROR(logger) << "save \"" << fileName_ << "\" failed, hr=" << hr;
     }
-    target.Reset();
     saved_ = true;
     return hr;
 }

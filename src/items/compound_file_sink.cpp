@@ -4,7 +4,6 @@
 #include "items/compound_file_format.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -14,8 +13,6 @@ namespace {
 constexpr size_t bufferBytes = size_t(1) << 20;
 // WriteFile takes a DWORD; stay well below it.
 constexpr size_t largestWrite = size_t(1) << 30;
-
-std::atomic<unsigned> temporaryCounter{0};
 
 HRESULT lastError()
 {
@@ -27,25 +24,14 @@ HRESULT lastError()
 
 SectorSink::SectorSink(uint64_t maxFileBytes) : maxFileBytes_(maxFileBytes) {}
 
-HRESULT SectorSink::createBeside(const std::wstring& target, std::wstring& created)
+HRESULT SectorSink::create(const std::wstring& path)
 {
-    created.clear();
     buffer_.reset(new (std::nothrow) uint8_t[bufferBytes]);
     if (!buffer_)
         return E_OUTOFMEMORY;
-    // A name of our own beside the target: another save of the same target
-    // (or a crashed one) must not collide with this one.
-    for (int attempt = 0; attempt < 100 && !file_; ++attempt) {
-        const std::wstring name = target + L"." + std::to_wstring(GetCurrentProcessId()) + L"-" +
-                                  std::to_wstring(++temporaryCounter) + L".tmp";
-        file_.reset(CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-        if (file_)
-            created = name;
-        else if (GetLastError() != ERROR_FILE_EXISTS && GetLastError() != ERROR_ALREADY_EXISTS)
-            return lastError();
-    }
+    file_.reset(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file_)
-        return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+        return lastError();
     // The header's place; finish() fills it in.
     std::memset(buffer_.get(), 0, cfb::sectorBytes);
     used_ = cfb::sectorBytes;

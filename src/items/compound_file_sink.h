@@ -24,9 +24,8 @@ public:
     SectorSink(const SectorSink&) = delete;
     SectorSink& operator=(const SectorSink&) = delete;
 
-    // Creates a new file named after `target` in the same folder (so that it
-    // can be renamed over it) and reports its name in `created`.
-    HRESULT createBeside(const std::wstring& target, std::wstring& created);
+    // Creates (or empties) the file at `path`.
+    HRESULT create(const std::wstring& path);
 
     // The number of the sector the next byte goes into; after padToSector()
     // also the number of sectors the file holds so far.

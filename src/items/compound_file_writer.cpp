@@ -4,6 +4,7 @@
 #include "common/hresult.h"
 #include "items/compound_file_format.h"
 #include "items/compound_file_sink.h"
+#include "items/file_beside.h"
 
 #include <wrl/client.h>
 
@@ -441,20 +442,19 @@ private:
     size_t elementsSeen_ = 0;
 };
 
-HRESULT writeToTemporary(IStorage* source, const std::wstring& path, const CompoundFileLimits& limits,
-                         std::wstring& temporary)
+HRESULT writeFile(IStorage* source, const std::wstring& path, const CompoundFileLimits& limits)
 {
     SectorSink sink(limits.maxFileBytes);
-    HRESULT hr = sink.createBeside(path, temporary);
+    HRESULT hr = sink.create(path);
     if (FAILED(hr)) {
-        KV_ERROR(logger) << "compound file: cannot create a file beside \"" << path << "\", hr=" << hexResult(hr);
+        KV_ERROR(logger) << "compound file: cannot create \"" << path << "\", hr=" << hexResult(hr);
         return hr;
     }
     CompoundFileBuilder builder(sink, limits);
     RETURN_IF_FAILED(builder.copyTree(source));
     hr = builder.finish();
     if (FAILED(hr))
-        KV_ERROR(logger) << "compound file: writing \"" << temporary << "\" failed, hr=" << hexResult(hr);
+        KV_ERROR(logger) << "compound file: writing \"" << path << "\" failed, hr=" << hexResult(hr);
     return hr;
 }
 
@@ -474,19 +474,10 @@ HRESULT writeCompoundFile(IStorage* source, const std::wstring& path, const Comp
         return source ? E_INVALIDARG : E_POINTER;
     }
 
-    std::wstring temporary;
-    HRESULT hr = writeToTemporary(source, path, limits, temporary);
-    if (SUCCEEDED(hr) && !MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-        const DWORD error = GetLastError();
-        hr = error ? HRESULT_FROM_WIN32(error) : E_FAIL;
-        KV_ERROR(logger) << "compound file: renaming \"" << temporary << "\" to \"" << path
-                         << "\" failed, err=" << error;
-    }
-    if (FAILED(hr)) {
-        if (!temporary.empty())
-            DeleteFileW(temporary.c_str());
+    const HRESULT hr =
+        writeBesideThenMove(path, [&](const std::wstring& beside) { return writeFile(source, beside, limits); });
+    if (FAILED(hr))
         KV_ERROR(logger) << "writeCompoundFile \"" << path << "\" failed, hr=" << hexResult(hr);
-    }
     KV_DEBUG(logger) << ")writeCompoundFile=" << hexResult(hr) << ", ms=" << (GetTickCount() - started);
     return hr;
 }

@@ -18,8 +18,8 @@
 // bytes beyond its reported size are not read. A stream whose Read fails
 // fails the whole save with that error.
 //
-// The file is written under a temporary name beside `path` and renamed over
-// `path` only when it is complete, so a failure leaves an existing file
+// The file is written beside `path` and moved over it only when it is
+// complete (writeBesideThenMove), so a failure leaves an existing file
 // untouched and no partial file behind. Failures are logged and returned:
 // - the source's own errors (EnumElements, OpenStorage, OpenStream, Stat,
 //   Read) as the source returned them;

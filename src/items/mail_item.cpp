@@ -4,6 +4,7 @@
 #include "addin/log.h"
 #include "addin/outlook_application.h"
 #include "items/exchange_address.h"
+#include "items/file_beside.h"
 #include "items/mapi_library.h"
 #include "common/unique_resource.h"
 
@@ -107,22 +108,24 @@ HRESULT MailItem::openMessage()
 
 HRESULT MailItem::readMessage()
 {
-    properties_ = MailProperties{};
     HRESULT hr = openMessage();
+    // Once the storage is gone there is nothing to read from: what was read
+    // before stays.
+    if (!message_ && !storage_)
+        return hr;
+    properties_ = MailProperties{};
     if (message_) {
         readWay_ = L"MAPI";
         KV_DEBUG(logger) << "read message through MAPI";
         const HRESULT propertiesResult = readProperties();
         KV_DEBUG(logger) << "readProperties=" << propertiesResult;
         hr = readRecipients();
-    } else if (storage_) {
+    } else {
         // No Extended MAPI here (or it can't open this message): the .msg
         // storage has the same properties in its own streams.
         readWay_ = L"storage";
         KV_INFO(logger) << "read message from its storage, MAPI hr=" << hr;
         hr = readPropertiesFromStorage(storage_.Get(), properties_);
-    } else {
-        return hr;
     }
     resolveExchangeAddresses();
     KV_DEBUG(logger) << "subject=" << properties_.subject;
@@ -163,7 +166,7 @@ void MailItem::resolveExchangeAddresses()
 
 void MailItem::ensureRead()
 {
-    if (properties_.subject.empty())
+    if (properties_.subject.empty() && (message_ || storage_))
         readMessage();
 }
 
@@ -198,8 +201,11 @@ HRESULT MailItem::save()
     bool encrypted = false;
     std::wstring decryptedFileName;
 
+    // Read while the storage is there, whatever the settings: the file time
+    // is the received time, and the item list's text is asked for after the
+    // storage is gone when the files are written at once.
+    ensureRead();
     if (settings_.getDecryptEnabled()) {
-        ensureRead();
         encrypted = isEncrypted();
         KV_DEBUG(logger) << "isEncrypted=" << encrypted;
     }
@@ -211,9 +217,10 @@ HRESULT MailItem::save()
         releaseMessage();
         if (SUCCEEDED(hr)) {
             KV_DEBUG(logger) << "call decryptMailItem";
-            hr = settings_.decryptMail().decryptMailItem(settings_.getDecryptWithRedemption(),
-                                                         outlookApplication().Get(), encryptedFileName,
-                                                         decryptedFileName);
+            hr = writeBesideThenMove(decryptedFileName, [&](const std::wstring& beside) {
+                return settings_.decryptMail().decryptMailItem(settings_.getDecryptWithRedemption(),
+                                                               outlookApplication().Get(), encryptedFileName, beside);
+            });
         }
         if (FAILED(hr)) {
             KV_ERROR(logger) << "Failed to decrypt " << fileName_ << ", hr=" << hr;

@@ -13,6 +13,7 @@
 #include "items/eml_properties_mapi.h"
 #include "items/eml_properties_storage.h"
 #include "items/eml_writer.h"
+#include "items/file_beside.h"
 #include "items/mapi_library.h"
 #include "items/outlook_objects.h"
 #include "items/compound_file_writer.h"
@@ -69,22 +70,25 @@ HRESULT MailItem::copyStorageToFile(const std::wstring& path)
 
 HRESULT MailItem::copyStorageThroughDocfile(const std::wstring& path)
 {
-    Microsoft::WRL::ComPtr<IStorage> fileStorage;
-    HRESULT hr = StgCreateDocfile(path.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, &fileStorage);
-    KV_DEBUG(logger) << "StgCreateDocfile =" << hr << ", " << fileStorage.Get();
-    if (FAILED(hr))
+    return writeBesideThenMove(path, [this](const std::wstring& beside) {
+        Microsoft::WRL::ComPtr<IStorage> fileStorage;
+        HRESULT hr =
+            StgCreateDocfile(beside.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, &fileStorage);
+        KV_DEBUG(logger) << "StgCreateDocfile =" << hr << ", " << fileStorage.Get();
+        if (FAILED(hr))
+            return hr;
+        hr = copyStorageContents(storage_.Get(), fileStorage.Get());
+        KV_DEBUG(logger) << "pStorageSrc->CopyTo=" << hr;
+        if (FAILED(hr))
+            return hr;
+        hr = fileStorage->Commit(STGC_DEFAULT);
+        if (SUCCEEDED(hr)) {
+            KV_DEBUG(logger) << "fileStorage->Commit OK";
+        } else {
+            KV_WARN(logger) << "fileStorage->Commit failed, hr=" << hr;
+        }
         return hr;
-    hr = copyStorageContents(storage_.Get(), fileStorage.Get());
-    KV_DEBUG(logger) << "pStorageSrc->CopyTo=" << hr;
-    if (FAILED(hr))
-        return hr;
-    hr = fileStorage->Commit(STGC_DEFAULT);
-    if (SUCCEEDED(hr)) {
-        KV_DEBUG(logger) << "fileStorage->Commit OK";
-    } else {
-        KV_WARN(logger) << "fileStorage->Commit failed, hr=" << hr;
-    }
-    return hr;
+    });
 }
 
 HRESULT MailItem::saveAsMsg(const std::wstring& destFileName)
@@ -139,10 +143,14 @@ HRESULT MailItem::saveAsEmlWithRedemption(const std::wstring& msgFileName, int f
     auto mail = callForObject(session.Get(), L"GetMessageFromMsgFile", {path.get()}, hr);
     KV_DEBUG(logger) << "GetMessageFromMsgFile, hr=" << hr;
     if (mail) {
-        UniqueVariant target(fileName_);
-        UniqueVariant type(static_cast<LONG>(format));
-        hr = invokeByName(mail.Get(), L"SaveAs", DISPATCH_METHOD, {target.get(), type.get()}, nullptr);
-        KV_DEBUG(logger) << "SaveAs " << fileName_ << ", ret=" << hr;
+        hr = writeBesideThenMove(fileName_, [&](const std::wstring& beside) {
+            UniqueVariant target(beside);
+            UniqueVariant type(static_cast<LONG>(format));
+            const HRESULT saved =
+                invokeByName(mail.Get(), L"SaveAs", DISPATCH_METHOD, {target.get(), type.get()}, nullptr);
+            KV_DEBUG(logger) << "SaveAs " << fileName_ << ", ret=" << saved;
+            return saved;
+        });
     }
     mail.Reset();
     if (temporaryMsg)
@@ -208,35 +216,40 @@ HRESULT MailItem::saveAsEmlWithOutlook(const std::wstring& msgFileName)
 
 HRESULT MailItem::writeEmlFile(const std::function<HRESULT(IStream*)>& writeMime, ULONGLONG expectedSize)
 {
-    Microsoft::WRL::ComPtr<IStream> fileStream;
-    HRESULT hr = SHCreateStreamOnFileEx(fileName_.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_WRITE,
-                                        FILE_ATTRIBUTE_NORMAL, TRUE, nullptr, &fileStream);
-    if (FAILED(hr)) {
-        KV_ERROR(logger) << "SHCreateStreamOnFileEx failed for fileName=" << fileName_ << ", hr=" << hr;
-        return hr;
-    }
-    if (!settings_.getExtractMailAddress()) {
-        KV_DEBUG(logger) << "convert directly to file.";
-        return writeMime(fileStream.Get());
-    }
-    KV_DEBUG(logger) << "convert to memory.";
+    // With the address headers rewritten, the whole mail is made in memory
+    // first: the file is touched only once the new bytes are there.
     Microsoft::WRL::ComPtr<IStream> memoryStream;
-    RETURN_IF_FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &memoryStream));
-    if (expectedSize > 0) {
-        // A memory stream grows write by write, copying itself each time:
-        // quadratic for a mail with a large attachment.
-        ULARGE_INTEGER size{};
-        size.QuadPart = expectedSize;
-        RETURN_IF_FAILED(memoryStream->SetSize(size));
+    if (settings_.getExtractMailAddress()) {
+        KV_DEBUG(logger) << "convert to memory.";
+        RETURN_IF_FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &memoryStream));
+        if (expectedSize > 0) {
+            // A memory stream grows write by write, copying itself each time:
+            // quadratic for a mail with a large attachment.
+            ULARGE_INTEGER size{};
+            size.QuadPart = expectedSize;
+            RETURN_IF_FAILED(memoryStream->SetSize(size));
+        }
+        RETURN_IF_FAILED(writeMime(memoryStream.Get()));
+        if (expectedSize > 0) {
+            // What was written ends where the writer stopped, not where the memory does.
+            ULARGE_INTEGER end{};
+            RETURN_IF_FAILED(memoryStream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end));
+            RETURN_IF_FAILED(memoryStream->SetSize(end));
+        }
     }
-    RETURN_IF_FAILED(writeMime(memoryStream.Get()));
-    if (expectedSize > 0) {
-        // What was written ends where the writer stopped, not where the memory does.
-        ULARGE_INTEGER end{};
-        RETURN_IF_FAILED(memoryStream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end));
-        RETURN_IF_FAILED(memoryStream->SetSize(end));
-    }
-    return replaceEmlHeadersAndWrite(memoryStream.Get(), fileStream.Get());
+    return writeBesideThenMove(fileName_, [&](const std::wstring& beside) {
+        Microsoft::WRL::ComPtr<IStream> fileStream;
+        const HRESULT hr = openStreamForWriting(beside, fileStream);
+        if (FAILED(hr)) {
+            KV_ERROR(logger) << "SHCreateStreamOnFileEx failed for fileName=" << fileName_ << ", hr=" << hr;
+            return hr;
+        }
+        if (!memoryStream) {
+            KV_DEBUG(logger) << "convert directly to file.";
+            return writeMime(fileStream.Get());
+        }
+        return replaceEmlHeadersAndWrite(memoryStream.Get(), fileStream.Get());
+    });
 }
 
 HRESULT MailItem::readEmlProperties(StoredProperties& message, std::vector<EmlAttachmentSource>& attachments)

@@ -3,9 +3,20 @@
 // each dual interface.
 #include "addin_host.h"
 
+#include "addin/class_factory.h"
+#include "addin/delayed_drag_drop_start.h"
+#include "addin/log.h"
+#include "addin/kv_drag_drop_addin.h"
 #include "common/com_variant.h"
+#include "install/base64_files.h"
+#include "install/installer_entry_points.h"
+#include "support/injected_fault.h"
 
 #include <gtest/gtest.h>
+#include <olectl.h>
+#include <shlwapi.h>
+
+#include <functional>
 
 using Microsoft::WRL::ComPtr;
 
@@ -296,4 +307,76 @@ TEST_F(AddinObject, OfficeInterfacesDispatchThroughTheirOwnDescriptions)
     EXPECT_EQ(result->vt, VT_BSTR);
     EXPECT_EQ(SysStringLen(result->bstrVal), 0u);
     SysFreeString(ribbonId.bstrVal);
+}
+
+// Objects and exports of this program itself (the DLL's entry sources are
+// built into it), so that the barriers' test seam reaches them: every edge
+// that Outlook, COM or a setup program calls answers an exception inside as
+// its failure, and nothing escapes.
+TEST(AddinEdges, AnExceptionInsideIsAnsweredAsItsFailure)
+{
+    ProductSettingsKey settings;
+    ComPtr<IKVDragDropAddin> addin;
+    ASSERT_EQ(CKVDragDropAddin::create(nullptr, IID_PPV_ARGS(&addin)), S_OK);
+    ComPtr<_IDTExtensibility2> connection;
+    ComPtr<IRibbonExtensibility> ribbon;
+    ComPtr<IClassFactory> factory;
+    ASSERT_EQ(addin.As(&connection), S_OK);
+    ASSERT_EQ(addin.As(&ribbon), S_OK);
+    ASSERT_EQ(createKVDragDropAddinFactory(IID_PPV_ARGS(&factory)), S_OK);
+    auto control = ribbonControl(L"bnOnOff");
+    VARIANT controlArgument;
+    controlArgument.vt = VT_DISPATCH;
+    controlArgument.pdispVal = control.Get();
+    DISPPARAMS params{&controlArgument, nullptr, 1, 0};
+    UniqueVariant result;
+    BSTR text = nullptr;
+    void* made = nullptr;
+    BSTR explorer = SysAllocString(L"Microsoft.Outlook.Explorer");
+
+    const struct {
+        const char* edge;
+        HRESULT answer;
+        std::function<HRESULT()> call;
+    } edges[] = {
+        {"OnConnection", S_OK, [&] { return connection->OnConnection(nullptr, ext_cm_Startup, nullptr, nullptr); }},
+        {"OnAddInsUpdate", S_OK, [&] { return connection->OnAddInsUpdate(nullptr); }},
+        {"OnBeginShutdown", S_OK, [&] { return connection->OnBeginShutdown(nullptr); }},
+        {"OnDisconnection", S_OK, [&] { return connection->OnDisconnection(ext_dm_HostShutdown, nullptr); }},
+        {"GetCustomUI", S_OK, [&] { return ribbon->GetCustomUI(explorer, &text); }},
+        {"Ribbon_onAction", S_OK, [&] { return addin->Ribbon_onAction(control.Get(), VARIANT_TRUE); }},
+        {"Ribbon_getLabel", E_OUTOFMEMORY, [&] { return addin->Ribbon_getLabel(control.Get(), &text); }},
+        {"IKVDragDropAddin::Invoke", E_OUTOFMEMORY,
+         [&] { return addin->Invoke(43, IID_NULL, 0, DISPATCH_METHOD, &params, result.put(), nullptr, nullptr); }},
+        {"CreateInstance", E_OUTOFMEMORY, [&] { return factory->CreateInstance(nullptr, IID_IUnknown, &made); }},
+        {"DllGetClassObject", E_OUTOFMEMORY,
+         [&] { return DllGetClassObject(CLSID_CKVDragDropAddin, IID_IClassFactory, &made); }},
+        {"DllCanUnloadNow", E_OUTOFMEMORY, [] { return DllCanUnloadNow(); }},
+        {"DllRegisterServer", E_OUTOFMEMORY, [] { return DllRegisterServer(); }},
+        {"DllUnregisterServer", E_OUTOFMEMORY, [] { return DllUnregisterServer(); }},
+        {"DllInstall", E_OUTOFMEMORY, [] { return DllInstall(TRUE, L"user"); }},
+        {"EncodeBase64", E_OUTOFMEMORY, [] { return EncodeBase64(L"C:\\in.png", L"C:\\out.txt"); }},
+        {"DecodeBase64", E_OUTOFMEMORY, [] { return DecodeBase64(L"C:\\in.txt", L"C:\\out.png"); }},
+        {"Install", HRESULT(ERROR_INSTALL_FAILURE), [] { return HRESULT(Install(0)); }},
+        {"nativeUninstall", E_OUTOFMEMORY,
+         [] { return HRESULT(Java_com_quembrook_com_KorvaneDll_nativeUninstall(nullptr, nullptr, nullptr)); }},
+    };
+    LogCapture log(LOG_ERROR);
+    for (const auto& edge : edges) {
+        const InjectedFault fault(edge.edge);
+        EXPECT_EQ(edge.call(), edge.answer) << edge.edge;
+        EXPECT_EQ(text, nullptr) << edge.edge;
+        EXPECT_EQ(made, nullptr) << edge.edge;
+        EXPECT_NE(log.contents().find(std::string(edge.edge) + " failed with an exception"), std::string::npos)
+            << edge.edge;
+    }
+    EXPECT_EQ(settings.get(L"Locked"), L"") << "the toggle that failed changed nothing";
+    SysFreeString(explorer);
+
+    // The thread that switches interception on after the delay.
+    const InjectedFault fault("delayed EnableDragDrop");
+    startDragDropAfterDelay();
+    for (int i = 0; i < 250 && log.contents().find("delayed EnableDragDrop failed") == std::string::npos; ++i)
+        Sleep(20);
+    EXPECT_NE(log.contents().find("delayed EnableDragDrop failed with an exception"), std::string::npos);
 }

@@ -266,6 +266,42 @@ TEST_F(Ribbon, TemplateComesWithEveryPlaceholderReplaced)
     EXPECT_GE(log.find("ribbonXml="), 0);
 }
 
+// Titles and texts are escaped for XML: Office gets a document it can load
+// in every shipped language, and for titles and translations that are markup.
+TEST_F(Ribbon, TheXmlLoadsInEveryLanguageAndWithTextsThatAreMarkup)
+{
+    for (const wchar_t* language : {L"en", L"de", L"fr"}) {
+        const std::wstring name = L"\\resource_" + std::wstring(language) + L".txt";
+        ASSERT_TRUE(CopyFileW((testProgramFolder() + name).c_str(), (folder.path() + name).c_str(), FALSE));
+    }
+    const struct {
+        LANGID language;
+        const wchar_t* title;
+        const char* texts; // instead of the shipped English ones
+    } runs[] = {
+        {MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), L"1;", nullptr},
+        {MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), L"1;", nullptr},
+        {MAKELANGID(LANG_FRENCH, SUBLANG_FRENCH), L"1;", nullptr},
+        {MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), L"2;R&D", nullptr},
+        {MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), L"2;<", nullptr},
+        {MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), L"2;\"Mail\" & 'files' >", nullptr},
+        {MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), L"1;", "ribbonTitle = <b>&\nlabelDecrypt = \"S/MIME\" <off>\n"},
+    };
+    ComPtr<_IDTExtensibility2> connection;
+    ASSERT_EQ(addin.As(&connection), S_OK);
+    for (const auto& run : runs) {
+        if (run.texts)
+            writeTexts(folder, "en", run.texts);
+        settings.set(L"Ribbon.Microsoft.Outlook.Explorer", run.title);
+        outlook.setLanguageId(run.language);
+        ASSERT_EQ(connection->OnConnection(outlook.application(), ext_cm_Startup, nullptr, nullptr), S_OK);
+        connected = true;
+        const std::wstring xml = explorerXml();
+        EXPECT_TRUE(isWellFormedXml(xml)) << testing::PrintToString(run.title) << testing::PrintToString(xml);
+    }
+    EXPECT_NE(explorerXml().find(L"label=\"&quot;S/MIME&quot; &lt;off&gt;\""), std::wstring::npos);
+}
+
 TEST_F(Ribbon, TitleOneTakesTheLocalizedTitle)
 {
     settings.set(L"Ribbon.Microsoft.Outlook.Explorer", L"1;ignored");

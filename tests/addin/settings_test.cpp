@@ -46,8 +46,8 @@ TEST_F(Settings, FreshMachineGivesTheDefaults)
     EXPECT_EQ(settings.productName(), keys.product());
     EXPECT_EQ(settings.addinFriendlyName(), keys.product());
     EXPECT_EQ(settings.addinDescription(), keys.product());
-    // The first start records the migrated text format.
-    EXPECT_EQ(read(keys.userPath(L"TextFormat")), L"none");
+    // Making the object writes nothing: installers make it too.
+    EXPECT_EQ(read(keys.userPath(L"TextFormat")), L"");
 }
 
 TEST_F(Settings, ProcessWideObjectUsesTheProductIdentity)
@@ -58,28 +58,36 @@ TEST_F(Settings, ProcessWideObjectUsesTheProductIdentity)
     RegUtil::deleteKeyIfExists(L"HKCU\\Software\\QUEMBROOK");
 }
 
-TEST_F(Settings, TextAsJsonIsMigratedAndRemoved)
+// The first start moves the obsolete TextAsJson switch, as key or as named
+// value, into TextFormat, unless TextFormat is there already.
+TEST_F(Settings, FirstStartMigratesTextAsJson)
 {
-    user(L"TextAsJson", L"true");
-    Globals settings(keys.company, keys.product());
-    EXPECT_EQ(settings.getTextFormat(), L"json");
-    EXPECT_EQ(read(keys.userPath(L"TextAsJson")), L"");
-}
-
-TEST_F(Settings, TextAsJsonAsNamedValueIsMigratedAndRemovedToo)
-{
-    ASSERT_TRUE(RegUtil::setRegValue(keys.userPath(L""), L"TextAsJson", L"true"));
-    Globals settings(keys.company, keys.product());
-    EXPECT_EQ(settings.getTextFormat(), L"json");
-    EXPECT_EQ(read(keys.userPath(L"TextAsJson")), L"");
-}
-
-TEST_F(Settings, ExistingTextFormatIsLeftAlone)
-{
-    user(L"TextFormat", L"table");
-    user(L"TextAsJson", L"true");
-    Globals settings(keys.company, keys.product());
-    EXPECT_EQ(settings.getTextFormat(), L"table");
+    struct Row {
+        const wchar_t* textFormat;
+        const wchar_t* textAsJsonKey;
+        const wchar_t* textAsJsonValue;
+        const wchar_t* expected;
+    } rows[] = {
+        {nullptr, nullptr, nullptr, L"none"},
+        {nullptr, L"true", nullptr, L"json"},
+        {nullptr, nullptr, L"true", L"json"},
+        {nullptr, L"false", nullptr, L"none"},
+        {L"table", L"true", nullptr, L"table"},
+    };
+    for (const Row& row : rows) {
+        RegUtil::deleteKeyIfExists(keys.userPath(L""));
+        if (row.textFormat)
+            user(L"TextFormat", row.textFormat);
+        if (row.textAsJsonKey)
+            user(L"TextAsJson", row.textAsJsonKey);
+        if (row.textAsJsonValue)
+            ASSERT_TRUE(RegUtil::setRegValue(keys.userPath(L""), L"TextAsJson", row.textAsJsonValue));
+        Globals settings(keys.company, keys.product());
+        settings.migrateTextFormat();
+        EXPECT_EQ(read(keys.userPath(L"TextFormat")), row.expected);
+        if (!row.textFormat)
+            EXPECT_EQ(read(keys.userPath(L"TextAsJson")), L"");
+    }
 }
 
 TEST_F(Settings, OnlyTheExactTrueIsTrue)

@@ -29,12 +29,15 @@ TEST(Faults, ATargetDyingInTheDropEndsTheDragAndOutlookGoesOn)
 {
     E2eRun run;
     run.targetOptions = {L"--die-on-drop"};
-    const E2eOutcome outcome = run.run({}, {L"drag:0,9"});
+    // Shift held: a drag that a dead target ended is no move Outlook should make.
+    const E2eOutcome outcome = run.run({}, {L"drag-shift:0,9"});
     E2E_REQUIRE_RUN(outcome);
     EXPECT_EQ(outcome.standInExitCode, 0u);
     const StandInStep drag = outcome.step("drag");
     ASSERT_FALSE(drag.name().empty()) << "the drag returned";
     EXPECT_EQ(drag.number("event"), -1) << "the target reported nothing";
+    EXPECT_NE(drag.number("effect"), DROPEFFECT_MOVE) << drag.value("hr");
+    EXPECT_TRUE(outcome.logHas("drop effect rule: none, no drop")) << "ole32 reported a failure, not a drop";
     EXPECT_EQ(drag.number("sourceSetData"), 0);
     EXPECT_EQ(outcome.step("shutdown").value("hr"), hexResult(S_OK));
     EXPECT_TRUE(outcome.logHas("DRAGDROP_S_DROP")) << "the files were saved before the target was asked";
@@ -93,6 +96,8 @@ TEST(Faults, ADeepTemporaryFolderShortensTheNamesToFit)
     }
     EXPECT_LT(lastComponent(drop.files[1].path).size(), std::wstring(L"Grüße aus Köln – 日本語の件名 ✓.msg").size())
         << "the long subject was cut";
+    const std::wstring dragFolder = drop.files[0].path.substr(0, drop.files[0].path.find_last_of(L'\\'));
+    EXPECT_EQ(filesIn(dragFolder).size(), 2u) << "written beside and moved, nothing left over";
     EXPECT_TRUE(outcome.logHas("fname already exists or fname too long"));
 }
 

@@ -6,6 +6,7 @@
 #include "addin/log.h"
 #include "common/strings.h"
 #include "install/reg_util.h"
+#include "support/injected_fault.h"
 #include "support/scratch.h"
 
 #include "file_times.h"
@@ -267,6 +268,17 @@ TEST_F(Cleanup, ARestartedWorkerCleansAgain)
         << "the second worker keeps waiting for its next pass";
 
     stopAndJoinCleanupWorker(state);
+}
+
+TEST_F(Cleanup, AnExceptionInTheWorkerEndsTheWorkerNotOutlook)
+{
+    LogCapture log(LOG_ERROR);
+    {
+        const InjectedFault fault("cleanupLoop");
+        startCleanupWorker(state);
+        state.cleanupWorker.join();
+    }
+    EXPECT_NE(log.contents().find("cleanupLoop failed with an exception"), std::string::npos);
 }
 
 TEST_F(Cleanup, NegativeKeepMinutesCountAsZero)

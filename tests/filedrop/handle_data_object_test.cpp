@@ -8,6 +8,8 @@
 #include "addin/log.h"
 #include "common/strings.h"
 #include "dataobject/clipboard_formats.h"
+#include "dataobject/format_etc.h"
+#include "hook/drop_target_tracker.h"
 #include "install/reg_util.h"
 #include "support/environment_switch.h"
 #include "support/msg_builder.h"
@@ -216,6 +218,16 @@ TEST_F(HandleDataObject, JsonTextDescribesTheItems)
     EXPECT_EQ(text, items->toJson());
     EXPECT_NE(text.find(L"\"fileName\" : \"price list.pdf\""), std::wstring::npos) << text;
     EXPECT_NE(text.find(L"\"subject\" : \"Offer\""), std::wstring::npos) << text;
+
+    // Over the SAP logon pad no text at all is offered or given, ours included.
+    dropTargetState().targetName = L"saplogon";
+    EXPECT_EQ(unicodeTextOf(result.Get()), L"");
+    EXPECT_FALSE(offersFormat(result.Get(), CF_TEXT));
+    bool textListed = false;
+    forEachFormat(result.Get(), DATADIR_GET,
+                  [&](const FORMATETC& format) { textListed |= format.cfFormat == CF_UNICODETEXT; });
+    EXPECT_FALSE(textListed);
+    resetDropTarget();
 }
 
 TEST_F(HandleDataObject, TableTextIsOutlooksOwnText)

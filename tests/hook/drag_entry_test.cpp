@@ -9,6 +9,7 @@
 #include "addin/log.h"
 #include "filedrop/file_drop.h"
 #include "hook/drop_target_tracker.h"
+#include "support/injected_fault.h"
 #include "support/outlook_data_object.h"
 
 #include <gtest/gtest.h>
@@ -136,53 +137,46 @@ TEST_F(DragEntry, SaveOnBeginDragWritesTheFilesBeforeTheDragStarts)
     EXPECT_NE(log.contents().find("End DoDragDrop, success=0, cancel=1 ------------"), std::string::npos);
 }
 
-TEST_F(DragEntry, AlwaysCopyReportsACopyForADropIntoAnotherProgram)
+// What Outlook is told decides whether it deletes the mail: "always copy"
+// makes a drop into another program a copy; without it, Shift held over a
+// drop that reports nothing is a move. Only a drop is corrected.
+TEST_F(DragEntry, TheEffectIsCorrectedAfterADropOnly)
 {
-    settings->setIgnoreTargetEffectIfDroppedIntoOtherApplication(true);
+    struct Case {
+        bool alwaysCopy;
+        DWORD keyState;
+        bool intoOtherProgram;
+        HRESULT dragResult;
+        DWORD reported, told;
+        const char* rule;
+    };
+    const Case cases[] = {
+        {true, 0, true, DRAGDROP_S_DROP, DROPEFFECT_MOVE, DROPEFFECT_COPY, "Set drop effect to COPY, it was MOVE"},
+        {true, 0, false, DRAGDROP_S_DROP, DROPEFFECT_MOVE, DROPEFFECT_MOVE, "rule: always copy, ret=262400, effect MOVE"},
+        {true, MK_SHIFT, false, DRAGDROP_S_DROP, DROPEFFECT_NONE, DROPEFFECT_NONE, "rule: always copy"},
+        {false, MK_SHIFT, true, DRAGDROP_S_DROP, DROPEFFECT_NONE, DROPEFFECT_MOVE, "correct drop effect to DROPEFFECT_MOVE"},
+        {false, 0, true, DRAGDROP_S_DROP, DROPEFFECT_NONE, DROPEFFECT_NONE, "rule: Shift means move, ret=262400"},
+        // Esc with Shift held, or a failed drag: ole32's answer as it stands.
+        {false, MK_SHIFT, true, DRAGDROP_S_CANCEL, DROPEFFECT_NONE, DROPEFFECT_NONE, "rule: none, no drop, ret=262401"},
+        {true, 0, true, DRAGDROP_S_CANCEL, DROPEFFECT_NONE, DROPEFFECT_NONE, "rule: none, no drop, ret=262401"},
+        {false, MK_SHIFT, true, E_OUTOFMEMORY, DROPEFFECT_NONE, DROPEFFECT_NONE, "rule: none, no drop, ret=-2147024882"},
+    };
     auto outlook = twoAttachments();
-    DWORD effect = 0;
-    {
-        RecordedDoDragDrop recorded(dropWith(0, DROPEFFECT_MOVE, true));
-        MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect);
+    for (const Case& c : cases) {
+        settings->setIgnoreTargetEffectIfDroppedIntoOtherApplication(c.alwaysCopy);
+        LogCapture caseLog(LOG_INFO);
+        RecordedDoDragDrop recorded([&](const DragCall& call) {
+            call.dropSource->QueryContinueDrag(c.dragResult == DRAGDROP_S_CANCEL, c.keyState | MK_LBUTTON);
+            dropTargetState().droppedIntoOtherApplication = c.intoOtherProgram;
+            *call.effect = c.reported;
+            return c.dragResult;
+        });
+        DWORD effect = 0;
+        EXPECT_EQ(MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect),
+                  c.dragResult);
+        EXPECT_EQ(effect, c.told) << c.rule;
+        EXPECT_NE(caseLog.contents().find(c.rule), std::string::npos) << caseLog.contents();
     }
-    EXPECT_EQ(effect, static_cast<DWORD>(DROPEFFECT_COPY)) << "Outlook must not delete the mail";
-    EXPECT_NE(log.contents().find("Set drop effect to COPY, it was MOVE"), std::string::npos);
-
-    // A move inside Outlook stays a move.
-    {
-        RecordedDoDragDrop recorded(dropWith(0, DROPEFFECT_MOVE, false));
-        MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect);
-    }
-    EXPECT_EQ(effect, static_cast<DWORD>(DROPEFFECT_MOVE));
-}
-
-TEST_F(DragEntry, ShiftHeldAtTheDropTurnsNoEffectIntoAMove)
-{
-    auto outlook = twoAttachments();
-    DWORD effect = 0;
-    {
-        RecordedDoDragDrop recorded(dropWith(MK_SHIFT, DROPEFFECT_NONE, true));
-        MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect);
-    }
-    EXPECT_EQ(effect, static_cast<DWORD>(DROPEFFECT_MOVE));
-    EXPECT_NE(log.contents().find("correct drop effect to DROPEFFECT_MOVE"), std::string::npos);
-
-    // Without Shift nothing happened, and nothing is reported.
-    {
-        RecordedDoDragDrop recorded(dropWith(0, DROPEFFECT_NONE, true));
-        MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect);
-    }
-    EXPECT_EQ(effect, static_cast<DWORD>(DROPEFFECT_NONE));
-}
-
-TEST_F(DragEntry, ShiftCountsOnlyWithoutAlwaysCopy)
-{
-    settings->setIgnoreTargetEffectIfDroppedIntoOtherApplication(true);
-    auto outlook = twoAttachments();
-    DWORD effect = 0;
-    RecordedDoDragDrop recorded(dropWith(MK_SHIFT, DROPEFFECT_NONE, false));
-    MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect);
-    EXPECT_EQ(effect, static_cast<DWORD>(DROPEFFECT_NONE));
 }
 
 TEST_F(DragEntry, OnlyCopyAllowedPassesOnlyCopy)
@@ -231,6 +225,80 @@ TEST_F(DragEntry, ADragStartedDuringADragGoesThroughUntouched)
     MyDoDragDrop(outer.Get(), outlookDropSource.Get(), DROPEFFECT_COPY, &effect);
     EXPECT_EQ(recorded.calls(), 2);
     EXPECT_EQ(innerSeen, inner.Get());
+}
+
+TEST_F(DragEntry, AnExceptionOfOursLeavesOutlooksOwnDragToHappen)
+{
+    struct Case {
+        const char* point;
+        bool onlyCopy;
+        bool outlooksObjects; // false: the drag with ours had run, its answer stands
+    };
+    const Case cases[] = {
+        {"MyDoDragDrop", false, true},
+        {"MyDoDragDrop", true, true},
+        {"MyDoDragDrop after the drag", false, false},
+    };
+    auto outlook = twoAttachments();
+    for (const Case& c : cases) {
+        const InjectedFault fault(c.point);
+        RecordedDoDragDrop recorded(dropWith(0, DROPEFFECT_COPY, true));
+        DWORD effect = 0;
+        const DWORD allowed = DROPEFFECT_COPY | DROPEFFECT_MOVE;
+        const HRESULT hr = c.onlyCopy
+                               ? MyDoDragDropOnlyCopyAllowed(outlook.Get(), outlookDropSource.Get(), allowed, &effect)
+                               : MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), allowed, &effect);
+        EXPECT_EQ(hr, DRAGDROP_S_DROP) << c.point;
+        ASSERT_EQ(recorded.calls(), 1) << c.point;
+        EXPECT_EQ(recorded.last().dataObject == outlook.Get(), c.outlooksObjects) << c.point;
+        EXPECT_EQ(recorded.last().okEffects, c.onlyCopy ? DWORD(DROPEFFECT_COPY) : allowed) << c.point;
+        EXPECT_EQ(effect, static_cast<DWORD>(DROPEFFECT_COPY));
+    }
+    EXPECT_EQ(occurrences(log.contents(), " failed with an exception: std::bad_alloc"), 3u);
+}
+
+// The drag folder removed (the temporary folder cleaned out) or made
+// read-only between the start of the drag and the drop. Removed, the drop
+// into another program fails as a whole and no file appears under a name
+// the target was given; read-only (which stops no one creating files there),
+// the drop gets complete files. Either way, nothing is left beside them.
+TEST_F(DragEntry, ADragFolderChangedBeforeTheDropEndsCleanly)
+{
+    for (const bool removed : {true, false}) {
+        auto outlook = twoAttachments();
+        std::vector<std::wstring> offered;
+        RecordedDoDragDrop recorded([&](const DragCall& call) {
+            offered = droppedFiles(call.dataObject);
+            const std::wstring dragFolder = offered.at(0).substr(0, offered[0].find_last_of(L'\\'));
+            if (removed)
+                deleteTree(FileDrop::tempDir());
+            else
+                SetFileAttributesW(dragFolder.c_str(), FILE_ATTRIBUTE_READONLY);
+            dropTargetState().droppedIntoOtherApplication = true;
+            const HRESULT answer = call.dropSource->QueryContinueDrag(FALSE, 0);
+            *call.effect = answer == DRAGDROP_S_DROP ? DROPEFFECT_COPY : DROPEFFECT_NONE;
+            return answer;
+        });
+        LogCapture caseLog(LOG_ERROR);
+        DWORD effect = DROPEFFECT_NONE;
+        const HRESULT hr =
+            MyDoDragDrop(outlook.Get(), outlookDropSource.Get(), DROPEFFECT_COPY | DROPEFFECT_MOVE, &effect);
+        ASSERT_EQ(offered.size(), 2u);
+        const std::string text = caseLog.contents();
+        if (removed) {
+            EXPECT_EQ(hr, E_FAIL);
+            EXPECT_FALSE(fileExists(offered[0]));
+            EXPECT_FALSE(fileExists(offered[1]));
+            EXPECT_NE(text.find("cannot create a file beside \""), std::string::npos) << text;
+            EXPECT_NE(text.find("notes.txt\" failed, hr=-2147024893"), std::string::npos) << "path not found";
+        } else {
+            EXPECT_EQ(hr, DRAGDROP_S_DROP);
+            EXPECT_EQ(readBytes(offered[0]), "first file");
+            EXPECT_EQ(readBytes(offered[1]), "second");
+            EXPECT_EQ(filesIn(offered[0].substr(0, offered[0].find_last_of(L'\\'))).size(), 2u);
+            EXPECT_EQ(text.find("failed"), std::string::npos) << text;
+        }
+    }
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "hook/drop_target_tracker.h"
 #include "items/attachment_item.h"
 #include "support/com_object.h"
+#include "support/injected_fault.h"
 #include "support/outlook_standin.h"
 #include "support/scratch.h"
 
@@ -296,24 +297,30 @@ TEST_F(DropSource, ADropWithoutItemsIsPassedOn)
     EXPECT_EQ(noList->QueryContinueDrag(FALSE, 0), DRAGDROP_S_DROP);
 }
 
+// A save that fails, or that throws inside ole32's modal loop, is the same
+// failed save.
 TEST_F(DropSource, FailedSaveIntoAnotherProgramEndsAsAFailedDragWithANotice)
 {
     OtherProgram notepad;
     if (!notepad.window())
         GTEST_SKIP() << "another program's window needs a display (run under xvfb-run)";
-    ConnectedOutlook connected;
-    notepad.pointAt();
-    auto source = wrap(outlookAnswering(DRAGDROP_S_DROP).Get(), unsaveable());
-    LogCapture log(LOG_DEBUG);
+    for (const bool throws : {false, true}) {
+        ConnectedOutlook connected;
+        notepad.pointAt();
+        auto source = wrap(outlookAnswering(DRAGDROP_S_DROP).Get(), throws ? attachments() : unsaveable());
+        LogCapture log(LOG_DEBUG);
+        const InjectedFault fault(throws ? "ddItems->save" : "nowhere");
 
-    EXPECT_EQ(source->QueryContinueDrag(FALSE, 0), E_FAIL);
+        EXPECT_EQ(source->QueryContinueDrag(FALSE, 0), E_FAIL);
 
-    EXPECT_TRUE(dropTargetState().droppedIntoOtherApplication);
-    EXPECT_TRUE(calledMember(connected.outlook.applicationObject(), L"ActiveExplorer"))
-        << "the notice goes through Outlook's explorer";
-    const std::string text = log.contents();
-    EXPECT_NE(text.find("ddItems saved, hr=-"), std::string::npos) << text;
-    EXPECT_NE(text.find("notifySaveFailed shown=1"), std::string::npos) << text;
+        EXPECT_TRUE(dropTargetState().droppedIntoOtherApplication);
+        EXPECT_TRUE(calledMember(connected.outlook.applicationObject(), L"ActiveExplorer"))
+            << "the notice goes through Outlook's explorer";
+        const std::string text = log.contents();
+        EXPECT_NE(text.find("ddItems saved, hr=-"), std::string::npos) << text;
+        EXPECT_NE(text.find("notifySaveFailed shown=1"), std::string::npos) << text;
+        EXPECT_EQ(text.find("failed with an exception") != std::string::npos, throws);
+    }
 }
 
 TEST_F(DropSource, FailedSaveInsideOutlookStillDrops)

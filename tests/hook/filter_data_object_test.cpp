@@ -8,11 +8,14 @@
 #include "common/com_ptr.h"
 #include "dataobject/clipboard_formats.h"
 #include "hook/drop_target_tracker.h"
+#include "dataobject/file_data_object.h"
+#include "support/injected_fault.h"
 #include "support/outlook_data_object.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <set>
 
 namespace {
@@ -213,6 +216,32 @@ TEST_F(FilterDataObjectTest, QueriesAreLoggedWithTheFormatsName)
     EXPECT_NE(text.find("MyDataObjectFilterFormat:"), std::string::npos);
     EXPECT_NE(text.find(", QueryGetData format=CF_HDROP, enabled=1, hr="), std::string::npos);
     EXPECT_NE(text.find(", QueryGetData format=FileContents, enabled=0, hr=-2147467259"), std::string::npos);
+}
+
+// Every method with work of its own answers an exception inside as a failed
+// call, with nothing half-given.
+TEST_F(FilterDataObjectTest, AnExceptionInsideAMethodIsAFailedCall)
+{
+    auto object = filter({}, L"text");
+    ComPtr<IDataObject> files = adoptCom(new FileDataObject(object.Get(), {L"C:\\offer.pdf"}));
+    FORMATETC unicode{CF_UNICODETEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+    FORMATETC hdrop{CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+    STGMEDIUM medium{};
+    ComPtr<IEnumFORMATETC> formats;
+    const std::pair<const char*, std::function<HRESULT()>> calls[] = {
+        {"MyDataObjectFilterFormat::GetData", [&] { return object->GetData(&unicode, &medium); }},
+        {"MyDataObjectFilterFormat::GetDataHere", [&] { return object->GetDataHere(&unicode, &medium); }},
+        {"MyDataObjectFilterFormat::QueryGetData", [&] { return object->QueryGetData(&unicode); }},
+        {"MyDataObjectFilterFormat::EnumFormatEtc", [&] { return object->EnumFormatEtc(DATADIR_GET, &formats); }},
+        {"FileDataObject::GetData", [&] { return files->GetData(&hdrop, &medium); }},
+        {"FileDataObject::EnumFormatEtc", [&] { return files->EnumFormatEtc(DATADIR_GET, &formats); }},
+    };
+    for (const auto& [point, call] : calls) {
+        const InjectedFault fault(point);
+        EXPECT_EQ(call(), E_OUTOFMEMORY) << point;
+        EXPECT_EQ(medium.hGlobal, nullptr) << point;
+        EXPECT_FALSE(formats) << point;
+    }
 }
 
 } // namespace

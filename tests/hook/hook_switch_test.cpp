@@ -8,10 +8,13 @@
 #include "addin/log.h"
 #include "common/module_path.h"
 #include "common/strings.h"
+#include "filedrop/file_drop_state.h"
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -112,6 +115,29 @@ TEST_F(EnableDragDropTest, DumpAllModulesReportsImportersAndChangesNothing)
     EXPECT_NE(text.find("check delay load table of"), std::string::npos);
     EXPECT_EQ(text.find("replace"), std::string::npos);
     EXPECT_NE(text.find(")DumpAllModules"), std::string::npos);
+}
+
+// The delayed start switches on from its own thread while Outlook's thread
+// switches off (a disconnection) or on (the ribbon). Run against each other
+// many times, the flag, the slots and the cleanup worker always agree.
+TEST_F(EnableDragDropTest, SwitchesFromTwoThreadsAtOnceEndInOneState)
+{
+    const LogCapture quieter(LOG_ERROR);
+    const auto cleanupRunning = [] {
+        FileDrop::FileDropState& state = FileDrop::fileDropState();
+        const std::lock_guard<std::mutex> guard(state.cleanupLock);
+        return state.cleanupWorker.joinable() && !state.stopped;
+    };
+    for (int round = 0; round < 100; ++round) {
+        std::thread delayedStart([] { EnableDragDrop(true); });
+        EnableDragDrop(round % 3 == 0);
+        delayedStart.join();
+        const bool on = isDragDropEnabled();
+        ASSERT_EQ(slotValue(&programDoDragDropSlot) == reinterpret_cast<void*>(&MyDoDragDrop), on) << round;
+        ASSERT_EQ(cleanupRunning(), on) << round;
+        if (round % 2)
+            EnableDragDrop(false);
+    }
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "install/reg_util.h"
 
 #include "addin/log.h"
+#include "common/strings.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
@@ -103,4 +104,29 @@ TEST_F(RegistryView, NoOutlookAssumesTheAddinsBitness)
     EXPECT_NE(text.find("WARN RegUtil:"), std::string::npos);
     EXPECT_NE(text.find("Could not detect Outlook bitness, assume Windows bitness="), std::string::npos) << text;
     EXPECT_NE(text.find("Outlook is 64bit"), std::string::npos) << text;
+}
+
+// "(Wow6432Node)" in a key path names the 32-bit place on 64-bit Windows when
+// the 32-bit view is chosen, whatever the view flag would do; in the 64-bit
+// view it drops out.
+TEST_F(RegistryView, Wow6432NodeTokenNamesThe32BitPlace)
+{
+    const struct {
+        REGSAM view;
+        const wchar_t* path;  // below HKLM, with the token
+        std::wstring rawPlace;
+    } rows[] = {
+        {KEY_WOW64_32KEY, L"Software\\(Wow6432Node)\\KorvaneTest\\", L"Software\\Wow6432Node\\KorvaneTest\\"},
+        {KEY_WOW64_64KEY, L"Software\\(Wow6432Node)\\KorvaneTest\\", L"Software\\KorvaneTest\\"},
+        {KEY_WOW64_64KEY, L"(Wow6432Node)\\Software\\KorvaneTest\\", L"Software\\KorvaneTest\\"},
+    };
+    for (const auto& row : rows) {
+        RegUtil::setRegistryView(row.view);
+        const std::wstring path = L"HKLM\\" + std::wstring(row.path) + keys.product() + L"\\Format";
+        ASSERT_TRUE(RegUtil::setRegValue(path, L"", L"eml"));
+        EXPECT_TRUE(rawExists(row.rawPlace + keys.product() + L"\\Format")) << wideToUtf8(row.path);
+        EXPECT_EQ(RegUtil::readString(path), L"eml");
+        EXPECT_TRUE(RegUtil::deleteKey(L"HKLM\\" + std::wstring(row.path) + keys.product()));
+        EXPECT_FALSE(rawExists(row.rawPlace + keys.product()));
+    }
 }

@@ -222,7 +222,11 @@ TEST(AttachmentFaults, StreamFailingHalfWayIsReportedAndStillRewound)
     ComPtr<IStream> stream;
     stream = adoptCom(faulty);
     AttachmentItem item(folder.file(L"broken.bin"), stream.Get());
+    ASSERT_EQ(item.prepareFile(), S_OK);
     EXPECT_EQ(item.save(), STG_E_READFAULT);
+    // Never half a file under its name: the placeholder as it was, nothing beside it.
+    EXPECT_EQ(readBytes(folder.file(L"broken.bin")), std::string(100000, '\0'));
+    EXPECT_EQ(filesIn(folder.path()), std::vector<std::wstring>{L"broken.bin"});
     EXPECT_TRUE(item.isSaved()); // not tried again by a later save of the list
     EXPECT_EQ(item.save(), S_OK);
     EXPECT_GE(faulty->seeks, 2); // rewound after the failed copy too

@@ -30,21 +30,6 @@ std::string patternBytes(size_t size, unsigned seed)
     return bytes;
 }
 
-std::vector<std::wstring> filesIn(const ScratchFolder& folder)
-{
-    std::vector<std::wstring> files;
-    WIN32_FIND_DATAW found{};
-    HANDLE find = FindFirstFileW(folder.file(L"*").c_str(), &found);
-    if (find == INVALID_HANDLE_VALUE)
-        return files;
-    do {
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-            files.push_back(found.cFileName);
-    } while (FindNextFileW(find, &found));
-    FindClose(find);
-    return files;
-}
-
 std::string streamOf(IStorage* storage, const std::wstring& name)
 {
     ComPtr<IStream> stream;
@@ -85,10 +70,10 @@ protected:
     void expectCleanFailure(IStorage* source, HRESULT expected, const char* logged,
                             const CompoundFileLimits& limits = {})
     {
-        const std::vector<std::wstring> before = filesIn(folder);
+        const std::vector<std::wstring> before = filesIn(folder.path());
         LogCapture log(LOG_ERROR);
         EXPECT_EQ(writeCompoundFile(source, target, limits), expected);
-        EXPECT_EQ(filesIn(folder), before);
+        EXPECT_EQ(filesIn(folder.path()), before);
         const std::string text = log.contents();
         EXPECT_NE(text.find("writeCompoundFile"), std::string::npos) << text;
         EXPECT_NE(text.find(logged), std::string::npos) << text;
@@ -252,7 +237,7 @@ TEST_F(HostileSourceTest, NoSourceOrNoFolderFailsCleanly)
     EXPECT_EQ(writeCompoundFile(nullptr, target), E_POINTER);
     EXPECT_EQ(writeCompoundFile(real.Get(), folder.file(L"missing\\mail.msg")),
               HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
-    EXPECT_TRUE(filesIn(folder).empty());
+    EXPECT_TRUE(filesIn(folder.path()).empty());
 }
 
 TEST_F(HostileSourceTest, MemoryStaysBoundedWhateverTheStreamSize)

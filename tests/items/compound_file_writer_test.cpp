@@ -249,16 +249,7 @@ TEST_F(CompoundFileWriterTest, ReplacesAnExistingFileAndLeavesNothingElse)
 
     expectFaithfulFile(source.Get(), target);
 
-    WIN32_FIND_DATAW found{};
-    HANDLE find = FindFirstFileW(folder.file(L"*").c_str(), &found);
-    ASSERT_NE(find, INVALID_HANDLE_VALUE);
-    std::vector<std::wstring> files;
-    do {
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-            files.push_back(found.cFileName);
-    } while (FindNextFileW(find, &found));
-    FindClose(find);
-    EXPECT_EQ(files, std::vector<std::wstring>{L"mail.msg"});
+    EXPECT_EQ(filesIn(folder.path()), std::vector<std::wstring>{L"mail.msg"});
 }
 
 // The layout check above is what proves the trees and chains; here it must

@@ -5,6 +5,9 @@
 #include "addin/globals.h"
 #include "addin/log.h"
 #include "addin/outlook_application.h"
+#include "common/strings.h"
+#include "items/file_beside.h"
+#include "support/faulty_storage.h"
 #include "support/msg_builder.h"
 #include "support/outlook_standin.h"
 #include "support/scratch.h"
@@ -194,15 +197,64 @@ TEST_F(MailItems, MsgFileIsACopyOfEveryStream)
     expectSameStorage(written.Get(), original.Get());
 }
 
-TEST_F(MailItems, FileTimeIsTheDeliveryTimeInUtc)
+TEST_F(MailItems, FileTimeIsTheDeliveryTimeInUtcWhateverTheSettings)
 {
-    auto item = itemFor(sampleMail());
-    ASSERT_EQ(item->save(), S_OK);
     const FILETIME expected = utcFileTime(2024, 3, 5, 7, 8, 9);
-    const FILETIME actual = lastWriteTime(folder.file(L"mail.msg"));
-    EXPECT_EQ(actual.dwHighDateTime, expected.dwHighDateTime);
-    EXPECT_EQ(actual.dwLowDateTime, expected.dwLowDateTime);
-    EXPECT_EQ(GetFileAttributesW(folder.file(L"mail.msg").c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
+    for (const wchar_t* format : {L"msg", L"eml"}) {
+        for (const bool decrypt : {true, false}) {
+            settings.setFormat(format);
+            settings.setDecryptEnabled(decrypt);
+            auto item = itemFor(sampleMail(), decrypt ? L"decrypt on.msg" : L"decrypt off.msg");
+            ASSERT_EQ(item->save(), S_OK);
+            const FILETIME actual = lastWriteTime(item->fileName());
+            EXPECT_EQ(actual.dwHighDateTime, expected.dwHighDateTime) << testing::PrintToString(item->fileName());
+            EXPECT_EQ(actual.dwLowDateTime, expected.dwLowDateTime) << testing::PrintToString(item->fileName());
+            EXPECT_EQ(GetFileAttributesW(item->fileName().c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
+        }
+    }
+}
+
+// Outlook's storage failing half way through a read, or the disk filling up
+// half way through the write: the save fails, the placeholder stays as it
+// was, nothing else is left, and the log names the file.
+TEST_F(MailItems, AFailedSaveLeavesThePlaceholderAndNothingElse)
+{
+    static StorageFaults readFails, diskFull;
+    readFails.failAfterBytes = 100000;
+    diskFull.failWritesAfterBytes = 200000;
+    const struct {
+        const wchar_t* format;
+        bool extractMailAddress;
+        const StorageFaults* fault;
+    } cases[] = {
+        {L"msg", false, &readFails}, // both .msg writers read it
+        {L"eml", false, &readFails}, // Korvane's MIME writer, straight into the file
+        {L"eml", true, &readFails},  // ... and into memory for the header rewrite
+        {L"eml", false, &diskFull},
+        {L"eml", true, &diskFull},
+    };
+    MsgContent mail = sampleMail();
+    mail.attachments = {{L"big.bin", std::string(1 << 20, 'b'), L"application/octet-stream"}};
+    for (const auto& c : cases) {
+        settings.setFormat(c.format);
+        settings.setExtractMailAddress(c.extractMailAddress);
+        ScratchFolder place;
+        auto real = makeMsgInMemory(mail);
+        auto source = c.fault == &readFails ? wrapWithFaults(real.Get(), readFails) : real;
+        MailItem item(place.file(L"mail.msg"), source.Get(), settings);
+        ASSERT_EQ(item.prepareFile(), S_OK);
+        if (c.fault == &diskFull)
+            filterWriteStreams([](IStream* file) { return wrapStreamWithFaults(file, diskFull); });
+        LogCapture log(LOG_ERROR);
+
+        EXPECT_TRUE(FAILED(item.save()));
+
+        filterWriteStreams(nullptr);
+        EXPECT_EQ(readBytes(item.fileName()), std::string(1, '\0')) << "the placeholder as it was";
+        EXPECT_EQ(filesIn(place.path()), std::vector<std::wstring>{fileNameOfPath(item.fileName())});
+        EXPECT_NE(log.contents().find("save \"" + wideToUtf8(item.fileName()) + "\" failed"), std::string::npos)
+            << log.contents();
+    }
 }
 
 TEST_F(MailItems, MailWithoutDeliveryTimeKeepsTheCurrentTime)
@@ -306,7 +358,7 @@ TEST_F(MailItems, JsonOfAMailWithoutRecipientsEndsInACommaAfterBcc)
         << testing::PrintToString(json);
 }
 
-TEST_F(MailItems, EmptySubjectIsReadAgainAtEachUse)
+TEST_F(MailItems, EmptySubjectIsReadAgainAtEachUseWhileTheStorageIsThere)
 {
     MsgContent mail = sampleMail();
     mail.subject.clear();
@@ -321,6 +373,14 @@ TEST_F(MailItems, EmptySubjectIsReadAgainAtEachUse)
          at = text.find("read message from its storage", at + 1))
         ++reads;
     EXPECT_EQ(reads, 2u);
+
+    // Saved (at drag start, for the clipboard), the storage is gone: what
+    // was read stays for the item list's text.
+    ASSERT_EQ(item->save(), S_OK);
+    std::wostringstream afterSave;
+    item->writeJson(afterSave, 6);
+    EXPECT_NE(afterSave.str().find(L"\"senderName\" : \"Anna Sender\""), std::wstring::npos)
+        << testing::PrintToString(afterSave.str());
 }
 
 TEST_F(MailItems, StorageThatIsNoMessageStillGivesAFileAndNoCrash)
@@ -414,7 +474,8 @@ TEST_F(EncryptedMail, EmlTargetNamesTheIntermediateFiles)
     ASSERT_NE(outlook.lastSharedItem(), nullptr);
     EXPECT_EQ(outlook.lastSharedItem()->path, folder.file(L"a.eml.encrypted.msg"));
     ASSERT_EQ(outlook.lastSharedItem()->savedAs.size(), 1u);
-    EXPECT_EQ(outlook.lastSharedItem()->savedAs[0], folder.file(L"a.eml.decrypted.msg"));
+    // Decrypted beside a.eml.decrypted.msg and moved there once complete.
+    EXPECT_EQ(outlook.lastSharedItem()->savedAs[0].substr(0, folder.path().size() + 4), folder.path() + L"\\~kv");
     EXPECT_FALSE(fileExists(folder.file(L"a.eml.encrypted.msg")));
     EXPECT_FALSE(fileExists(folder.file(L"a.eml.decrypted.msg")));
 }

@@ -72,7 +72,17 @@ public:
     }
     HRESULT STDMETHODCALLTYPE Write(const void* buffer, ULONG size, ULONG* written) override
     {
-        return real_->Write(buffer, size, written);
+        if (written)
+            *written = 0;
+        const ULONGLONG left = faults_.failWritesAfterBytes - std::min(taken_, faults_.failWritesAfterBytes);
+        if (left == 0)
+            return faults_.writeFailure;
+        ULONG put = 0;
+        const HRESULT hr = real_->Write(buffer, static_cast<ULONG>(std::min<ULONGLONG>(size, left)), &put);
+        taken_ += put;
+        if (written)
+            *written = put;
+        return hr;
     }
     HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* position) override
     {
@@ -107,6 +117,7 @@ private:
     ComPtr<IStream> real_;
     StorageFaults faults_;
     ULONGLONG delivered_ = 0;
+    ULONGLONG taken_ = 0;
 };
 
 class FaultyStorage final : public RefCounted<IStorage> {
@@ -212,5 +223,13 @@ ComPtr<IStorage> wrapWithFaults(IStorage* real, const StorageFaults& faults)
         return nullptr;
     ComPtr<IStorage> wrapper;
     wrapper = adoptCom(new FaultyStorage(real, faults, faults.onlyInside.empty()));
+    return wrapper;
+}
+
+ComPtr<IStream> wrapStreamWithFaults(IStream* real, const StorageFaults& faults)
+{
+    ComPtr<IStream> wrapper;
+    if (real)
+        wrapper = adoptCom(new FaultyStream(real, faults));
     return wrapper;
 }

@@ -1,7 +1,8 @@
 #pragma once
 // A real structured storage seen through a wrapper that misbehaves the way a
 // damaged medium or a hostile storage implementation can: streams that fail
-// half way, deliver a few bytes a call, or report a size they don't have.
+// half way, deliver a few bytes a call, or report a size they don't have;
+// and streams written to that fill up half way.
 // Everything else is passed to the real storage.
 #include <objidl.h>
 #include <wrl/client.h>
@@ -17,7 +18,13 @@ struct StorageFaults {
     ULONG maxBytesPerRead = 0;             // each Read delivers at most this much (0: no limit)
     ULONGLONG statExtraBytes = 0;          // Stat reports this much more than the stream holds
     HRESULT enumFailure = S_OK;            // EnumElements fails with this unless S_OK
+    ULONGLONG failWritesAfterBytes = ULLONG_MAX; // a stream's Write fails once it took this many bytes
+    HRESULT writeFailure = STG_E_MEDIUMFULL;     // what the failing Write returns
 };
 
 // The wrapper over `real` (and, through OpenStorage, over its children).
 Microsoft::WRL::ComPtr<IStorage> wrapWithFaults(IStorage* real, const StorageFaults& faults);
+
+// One stream seen through the same misbehaviour (a file stream on a disk
+// that fills up, say).
+Microsoft::WRL::ComPtr<IStream> wrapStreamWithFaults(IStream* real, const StorageFaults& faults);

@@ -6,6 +6,7 @@
 #include "common/unique_resource.h"
 #include "install/reg_util.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include <gtest/gtest.h>
@@ -55,6 +56,21 @@ void deleteTree(const std::wstring& path)
     }
     find.reset();
     RemoveDirectoryW(path.c_str());
+}
+
+std::vector<std::wstring> filesIn(const std::wstring& folder)
+{
+    std::vector<std::wstring> files;
+    WIN32_FIND_DATAW found{};
+    UniqueFindHandle find(FindFirstFileW((folder + L"\\*").c_str(), &found));
+    if (!find)
+        return files;
+    do {
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+            files.push_back(found.cFileName);
+    } while (FindNextFileW(find.get(), &found));
+    std::sort(files.begin(), files.end());
+    return files;
 }
 
 void writeBytes(const std::wstring& path, const std::string& bytes)

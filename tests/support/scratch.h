@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 // A fresh folder under %TEMP%, deleted with everything in it.
 class ScratchFolder {
@@ -24,6 +25,8 @@ void writeBytes(const std::wstring& path, const std::string& bytes);
 std::string readBytes(const std::wstring& path);
 bool fileExists(const std::wstring& path);
 void deleteTree(const std::wstring& path);
+// The names of the files (not folders) in a folder, sorted.
+std::vector<std::wstring> filesIn(const std::wstring& folder);
 
 // The folder of the running test program.
 std::wstring testProgramFolder();

@@ -5,7 +5,8 @@
 //   drop_target.exe --report <file> [--title <text>] [--effect copy|move|none] [--die-on-drop]
 //
 // --effect: what Drop answers (a program that moves files answers move).
-// --die-on-drop: the process ends inside Drop, as a crashing target would.
+// --die-on-drop: the process ends inside Drop while it reads what it got, as
+// a crashing target would.
 #include "drop_target_window.h"
 #include "received_data.h"
 
@@ -30,6 +31,23 @@ struct Options {
 };
 
 Options options;
+
+// A crashing target: the file list taken, the first file opened and read a
+// little, and the process gone with the file still open.
+[[noreturn]] void dieWhileReading(IDataObject* dataObject)
+{
+    FORMATETC request{CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+    STGMEDIUM medium{};
+    wchar_t path[MAX_PATH] = {};
+    if (SUCCEEDED(dataObject->GetData(&request, &medium)) &&
+        DragQueryFileW(static_cast<HDROP>(medium.hGlobal), 0, path, MAX_PATH) > 0) {
+        HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+        char bytes[512];
+        DWORD read = 0;
+        ReadFile(file, bytes, sizeof bytes, &read, nullptr);
+    }
+    ExitProcess(3);
+}
 
 class ReportingDropTarget final : public IDropTarget {
 public:
@@ -70,7 +88,7 @@ public:
     {
         const int64_t start = performanceTicks();
         if (options.dieOnDrop)
-            ExitProcess(3);
+            dieWhileReading(dataObject);
         DropEvent event = readReceivedData(dataObject, "drop", start);
         event.effect = options.effect;
         *effect = options.effect;

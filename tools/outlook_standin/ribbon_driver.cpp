@@ -57,6 +57,16 @@ HRESULT RibbonDriver::load()
     return invoke(onLoad, {ribbon}, nullptr);
 }
 
+std::wstring RibbonDriver::tabLabel() const
+{
+    // "<tab" and a blank or line break, not "<tabs>".
+    size_t tab = xml_.find(L"<tab");
+    while (tab != std::wstring::npos && !iswspace(xml_[tab + 4]))
+        tab = xml_.find(L"<tab", tab + 4);
+    return tab == std::wstring::npos ? std::wstring()
+                                     : attributeValue(xml_.substr(tab, xml_.find(L'>', tab) - tab), L"label");
+}
+
 std::vector<std::wstring> RibbonDriver::controlIds() const
 {
     std::vector<std::wstring> ids;

@@ -17,6 +17,8 @@ public:
     HRESULT load();
     const std::wstring& xml() const { return xml_; }
     // The ids of the controls in the XML, in document order.
+    // The title of the add-in's tab, as Outlook would show it.
+    std::wstring tabLabel() const;
     std::vector<std::wstring> controlIds() const;
 
     // Presses a control as the user would: a toggle or check box with

@@ -176,6 +176,7 @@ bool StandInSession::loadRibbon()
             ids += (ids.empty() ? L"" : L",") + id;
         result_.write("ribbon", {{"hr", hexResult(hr)},
                                  {"xmlLength", std::to_string(ribbon_->xml().size())},
+                                 {"title", narrow(ribbon_->tabLabel())},
                                  {"controls", narrow(ids)}});
         return SUCCEEDED(hr);
     }

@@ -1,7 +1,8 @@
 #pragma once
 // Every key and value name under HKLM\Software and HKCU\Software (32-bit
 // views included, they live below Wow6432Node), to prove that something
-// leaves the registry as it found it.
+// leaves the registry as it found it. Of the class containers (CLSID,
+// Interface, TypeLib) only the names of their keys are taken.
 #include <set>
 #include <string>
 #include <vector>

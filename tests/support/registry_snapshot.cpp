@@ -1,5 +1,6 @@
-#include "registry_snapshot.h"
+#include "support/registry_snapshot.h"
 
+#include "common/strings.h"
 #include "common/unique_resource.h"
 
 #include <windows.h>
@@ -9,9 +10,20 @@
 
 namespace {
 
+// The class containers hold thousands of Windows' own keys; they are listed
+// by name only, which still shows a key added or left behind.
+bool classContainer(const std::wstring& path)
+{
+    const std::wstring name = path.substr(path.rfind(L'\\') + 1);
+    return path.find(L"\\Classes\\") != std::wstring::npos &&
+           (equalsIgnoreCase(name, L"CLSID") || equalsIgnoreCase(name, L"Interface") ||
+            equalsIgnoreCase(name, L"TypeLib"));
+}
+
 void collect(HKEY key, const std::wstring& path, RegistrySnapshot& snapshot)
 {
     snapshot.insert(path);
+    const bool namesOnly = classContainer(path);
     DWORD subKeys = 0, longestSubKey = 0, values = 0, longestValue = 0;
     if (RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &subKeys, &longestSubKey, nullptr, &values, &longestValue,
                          nullptr, nullptr, nullptr) != ERROR_SUCCESS)
@@ -27,6 +39,10 @@ void collect(HKEY key, const std::wstring& path, RegistrySnapshot& snapshot)
         if (RegEnumKeyExW(key, index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
             continue;
         const std::wstring child = name.substr(0, length);
+        if (namesOnly) {
+            snapshot.insert(path + L"\\" + child);
+            continue;
+        }
         UniqueRegKey childKey;
         if (RegOpenKeyExW(key, child.c_str(), 0, KEY_READ, childKey.put()) == ERROR_SUCCESS)
             collect(childKey.get(), path + L"\\" + child, snapshot);

@@ -1,0 +1,15 @@
+#pragma once
+// Arms the barriers' test seam for as long as it lives: the code that passes
+// the named point throws, as if a step inside had failed.
+#include "addin/exception_barrier.h"
+
+class InjectedFault {
+public:
+    explicit InjectedFault(const char* point, InjectedException kind = InjectedException::BadAlloc)
+    {
+        injectFault(point, kind);
+    }
+    ~InjectedFault() { disarmFault(); }
+    InjectedFault(const InjectedFault&) = delete;
+    InjectedFault& operator=(const InjectedFault&) = delete;
+};
