@@ -38,19 +38,6 @@ std::wstring textOf(const StoredProperties& properties, uint16_t id, uint32_t co
     return propertyText(property->tag, property->bytes, codePage);
 }
 
-std::optional<uint32_t> longOf(const StoredProperties& properties, uint16_t id)
-{
-    const StoredProperty* property = findStoredProperty(properties, id);
-    if (!property || property->bytes.size() < 4)
-        return std::nullopt;
-    const uint16_t type = propertyTypeOf(property->tag);
-    if (type != PropertyType::Long && type != PropertyType::Boolean)
-        return std::nullopt;
-    uint32_t value = 0;
-    std::memcpy(&value, property->bytes.data(), 4);
-    return type == PropertyType::Boolean ? value & 0xFFFF : value;
-}
-
 std::optional<FILETIME> timeOf(const StoredProperties& properties, uint16_t id)
 {
     const StoredProperty* property = findStoredProperty(properties, id);
@@ -181,7 +168,7 @@ void collectBodies(const StoredProperties& message, uint32_t codePage, EmlMessag
     if (const StoredProperty* html = findStoredProperty(message, Id::html)) {
         const uint16_t type = propertyTypeOf(html->tag);
         if (type == PropertyType::Binary)
-            eml.htmlUtf8 = htmlAsUtf8(html->bytes, longOf(message, Id::internetCodepage).value_or(0));
+            eml.htmlUtf8 = htmlAsUtf8(html->bytes, findStoredLong(message, Id::internetCodepage).value_or(0));
         else if (type == PropertyType::Unicode || type == PropertyType::String8)
             eml.htmlUtf8 = wideToUtf8(propertyText(html->tag, html->bytes, codePage));
     }
@@ -354,14 +341,14 @@ EmlMessage collect(const StoredProperties& message, std::vector<EmlAttachmentSou
     eml.messageId = textOf(message, Id::internetMessageId, codePage);
     eml.inReplyTo = textOf(message, Id::inReplyTo, codePage);
     eml.references = textOf(message, Id::references, codePage);
-    eml.importance = static_cast<int>(std::min<uint32_t>(longOf(message, Id::importance).value_or(1), 2));
+    eml.importance = static_cast<int>(std::min<uint32_t>(findStoredLong(message, Id::importance).value_or(1), 2));
     collectBodies(message, codePage, eml);
 
     std::vector<bool> hidden;
     for (size_t i = 0; i < attachments.size(); ++i) {
         EmlAttachmentSource& source = attachments[i];
         EmlAttachment attachment = attachmentOf(source.properties, i, codePage);
-        const uint32_t method = longOf(source.properties, Id::attachMethod).value_or(AttachMethod::byValue);
+        const uint32_t method = findStoredLong(source.properties, Id::attachMethod).value_or(AttachMethod::byValue);
         if (method == AttachMethod::embeddedMessage && depth >= maxEmbeddedMessageDepth) {
             KV_WARN(logger) << "attached message " << attachment.fileName << " lies deeper than "
                             << maxEmbeddedMessageDepth << " messages, left out";
@@ -374,7 +361,7 @@ EmlMessage collect(const StoredProperties& message, std::vector<EmlAttachmentSou
             ++eml.attachmentsLeftOut;
             continue;
         }
-        hidden.push_back(longOf(source.properties, Id::attachmentHidden).value_or(0) != 0);
+        hidden.push_back(findStoredLong(source.properties, Id::attachmentHidden).value_or(0) != 0);
         eml.attachments.push_back(std::move(attachment));
     }
     place(eml, hidden, textOf(message, Id::messageClass, codePage));

@@ -6,8 +6,6 @@
 #include "items/property_text.h"
 #include "items/stream_copy.h"
 
-#include <cstring>
-
 namespace {
 
 const Logger logger("MailItem");
@@ -27,16 +25,6 @@ constexpr ULONGLONG maxObjectBytes = ULONGLONG(64) << 20;
 struct ObjectBudget {
     size_t messages = 0;
 };
-
-std::optional<uint32_t> longOf(const StoredProperties& properties, uint16_t id)
-{
-    const StoredProperty* property = findStoredProperty(properties, id);
-    if (!property || propertyTypeOf(property->tag) != PropertyType::Long || property->bytes.size() < 4)
-        return std::nullopt;
-    uint32_t value = 0;
-    std::memcpy(&value, property->bytes.data(), 4);
-    return value;
-}
 
 void readObjects(IStorage* storage, std::vector<EmlAttachmentSource>& attachments, int depth, ObjectBudget& budget);
 
@@ -61,7 +49,9 @@ HRESULT readMessageSource(IStorage* storage, bool embedded, EmlMessageSource& so
         EmlAttachmentSource attachment;
         attachment.properties = std::move(stored.attachments[i]);
         attachment.storageName = i < stored.attachmentNames.size() ? stored.attachmentNames[i] : L"";
-        if (attachment.properties.count(propertyIdOf(attachDataBinTag)) && !attachment.storageName.empty()) {
+        const StoredProperty* data = findStoredProperty(attachment.properties, propertyIdOf(attachDataBinTag));
+        // The same id as PT_OBJECT is an attached message or OLE object, read by readObjects.
+        if (data && data->tag == attachDataBinTag && !attachment.storageName.empty()) {
             // Listed, not read: opened here and read while the mail is written.
             attachment.properties.erase(propertyIdOf(attachDataBinTag));
             ComPtr<IStorage> child;
@@ -105,7 +95,7 @@ void readObject(IStorage* storage, EmlAttachmentSource& attachment, uint32_t met
 {
     std::wstring name = attachment.storageName;
     if (name.empty()) {
-        const auto number = longOf(attachment.properties, 0x0E21); // PR_ATTACH_NUM
+        const auto number = findStoredLong(attachment.properties, 0x0E21); // PR_ATTACH_NUM
         if (!number)
             return;
         name = MsgLayout::rowStorageName(MsgLayout::attachmentPrefix, *number);
@@ -152,7 +142,7 @@ void readObject(IStorage* storage, EmlAttachmentSource& attachment, uint32_t met
 void readObjects(IStorage* storage, std::vector<EmlAttachmentSource>& attachments, int depth, ObjectBudget& budget)
 {
     for (EmlAttachmentSource& attachment : attachments) {
-        const uint32_t method = longOf(attachment.properties, EmlPropertyId::attachMethod).value_or(0);
+        const uint32_t method = findStoredLong(attachment.properties, EmlPropertyId::attachMethod).value_or(0);
         if (method == AttachMethod::embeddedMessage || method == AttachMethod::oleObject)
             readObject(storage, attachment, method, depth, budget);
     }

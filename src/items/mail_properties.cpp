@@ -81,27 +81,10 @@ void addRecipient(MailProperties& properties, ULONG type, MailAddress address)
     }
 }
 
-ULONG longOfStored(const StoredProperty* property)
-{
-    if (!property || property->bytes.size() < 4)
-        return 0;
-    ULONG value = 0;
-    std::memcpy(&value, property->bytes.data(), 4);
-    return value;
-}
-
 std::wstring textOfStored(const StoredProperties& properties, ULONG tag, uint32_t codePage)
 {
     const StoredProperty* property = findStoredProperty(properties, PROP_ID(tag));
     return property ? propertyText(property->tag, property->bytes, codePage) : std::wstring();
-}
-
-std::optional<uint32_t> storedLong(const StoredProperties& properties, uint16_t id)
-{
-    const StoredProperty* property = findStoredProperty(properties, id);
-    if (!property || propertyTypeOf(property->tag) != PropertyType::Long)
-        return std::nullopt;
-    return longOfStored(property);
 }
 
 } // namespace
@@ -213,14 +196,14 @@ void mailPropertiesFromStored(const StoredProperties& message, const std::vector
         for (ULONG tag : {tagEntryId, tagDisplayName, tagAddrType, tagEmailAddress})
             *recipientField(address, PROP_ID(tag)) = textOfStored(row, tag, codePage);
         smtpOfExchange(address, row, tagSmtpAddress);
-        addRecipient(properties, longOfStored(findStoredProperty(row, PROP_ID(tagRecipientType))), std::move(address));
+        addRecipient(properties, findStoredLong(row, PROP_ID(tagRecipientType)).value_or(0), std::move(address));
     }
 }
 
 uint32_t stringCodePageOfMessage(const StoredProperties& message)
 {
-    const std::optional<uint32_t> messageCodePage = storedLong(message, idMessageCodePage);
-    const std::optional<uint32_t> internetCodePage = storedLong(message, idInternetCodePage);
+    const std::optional<uint32_t> messageCodePage = findStoredLong(message, idMessageCodePage);
+    const std::optional<uint32_t> internetCodePage = findStoredLong(message, idInternetCodePage);
     const uint32_t codePage = stringCodePageOf(messageCodePage, internetCodePage);
     // Unicode code pages name no script: 8-bit text is then in the machine's.
     const auto unknown = [](std::optional<uint32_t> given) {

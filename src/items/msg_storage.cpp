@@ -389,6 +389,18 @@ const StoredProperty* findStoredProperty(const StoredProperties& properties, uin
     return found == properties.end() ? nullptr : &found->second;
 }
 
+std::optional<uint32_t> findStoredLong(const StoredProperties& properties, uint16_t propertyId)
+{
+    const StoredProperty* property = findStoredProperty(properties, propertyId);
+    if (!property || property->bytes.size() < 4)
+        return std::nullopt;
+    const uint16_t type = propertyTypeOf(property->tag);
+    if (type != PropertyType::Long && type != PropertyType::Boolean)
+        return std::nullopt;
+    const uint32_t value = readLe32(property->bytes.data());
+    return type == PropertyType::Boolean ? value & 0xFFFF : value;
+}
+
 const wchar_t* storedReadProblem(HRESULT hr)
 {
     switch (hr) {

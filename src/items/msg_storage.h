@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -83,3 +84,6 @@ const wchar_t* storedReadProblem(HRESULT hr);
 
 // The property with this id, or null.
 const StoredProperty* findStoredProperty(const StoredProperties& properties, uint16_t propertyId);
+
+// The value of a PT_LONG or PT_BOOLEAN property with this id, if there is one.
+std::optional<uint32_t> findStoredLong(const StoredProperties& properties, uint16_t propertyId);

@@ -519,7 +519,12 @@ TEST_F(OwnEmlWriter, SamplesForAnIndependentParser)
     CreateDirectoryW(target, nullptr);
     for (const auto& [name, mail] : sampleMails()) {
         SCOPED_TRACE(testing::PrintToString(name));
+        LogCapture log(LOG_INFO);
         ASSERT_EQ(save(mail, name + L".msg"), S_OK);
+        EXPECT_NE(log.contents().find(" attachments, 0 left out)"), std::string::npos) << log.contents();
+        EXPECT_EQ(log.contents().find("can't be opened"), std::string::npos) << log.contents();
+        EXPECT_EQ(item->properties().subject, mail.subject); // the item list's text
+        EXPECT_EQ(item->properties().sender.name, mail.senderName);
         ASSERT_TRUE(CopyFileW(folder.file(name + L".eml").c_str(), (std::wstring(target) + L"\\" + name + L".eml").c_str(),
                               FALSE));
         ASSERT_EQ(writeMsgFile(std::wstring(target) + L"\\" + name + L".msg", mail), S_OK);
@@ -585,8 +590,9 @@ TEST_F(OwnEmlWriter, OtherItemsAndDamagedPartsStillGiveAReadableEml)
             EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
         EXPECT_EQ(ReadBack(text).fields.front().name, "From");
         EXPECT_EQ(text.find("invite.ics"), std::string::npos); // the calendar is no attachment
-        if (!row.inLog.empty())
+        if (!row.inLog.empty()) {
             EXPECT_NE(log.contents().find(row.inLog), std::string::npos) << log.contents();
+        }
     }
 }
 
@@ -623,6 +629,10 @@ TEST_F(OwnEmlWriter, AttachedMessageHoldingItselfEndsAtTheDepthLimit)
     ASSERT_EQ(mail.save(), S_OK);
     const std::string text = readBytes(folder.file(L"loop-saved.eml"));
     EXPECT_TRUE(text.starts_with("From: \"Anna Sender\" <anna@example.org>\r\n"));
-    EXPECT_NE(text.find("Content-Type: message/rfc822"), std::string::npos);
-    EXPECT_NE(log.contents().find("left out"), std::string::npos) << log.contents();
+    size_t nested = 0;
+    for (size_t at = text.find("Content-Type: message/rfc822"); at != std::string::npos;
+         at = text.find("Content-Type: message/rfc822", at + 1))
+        ++nested;
+    EXPECT_EQ(nested, 16u);
+    EXPECT_NE(log.contents().find("lies deeper than 16 messages, left out"), std::string::npos) << log.contents();
 }

@@ -65,10 +65,11 @@ TEST(CompressedRtf, DecodesTheWorkedExamplesAndBoundsDamagedOnes)
         const DecompressedRtf result = decompressRtf(row.bytes, row.limit);
         EXPECT_EQ(result.rtf, row.rtf);
         EXPECT_EQ(result.usable, row.usable);
-        if (row.warning.empty())
+        if (row.warning.empty()) {
             EXPECT_EQ(result.warning, "");
-        else
+        } else {
             EXPECT_NE(result.warning.find(row.warning), std::string::npos) << result.warning;
+        }
     }
 }
 

@@ -78,11 +78,11 @@ struct MsgAttachment {
     std::wstring fileName; // an attached message's display name
     std::string bytes;
     std::wstring mimeType;
-    std::wstring contentId; // a picture the HTML shows as "cid:" + contentId
-    bool hidden = false;    // left out of Outlook's attachment list, as inline pictures are
+    std::wstring contentId{}; // a picture the HTML shows as "cid:" + contentId
+    bool hidden = false;      // left out of Outlook's attachment list, as inline pictures are
     // An attached message (attach method 5), written as its own storage.
-    std::shared_ptr<const MsgContent> message;
-    std::wstring linkPath; // an attachment by reference only (method 4) to this path
+    std::shared_ptr<const MsgContent> message{};
+    std::wstring linkPath{}; // an attachment by reference only (method 4) to this path
 };
 
 struct MsgContent {
