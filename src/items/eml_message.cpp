@@ -241,10 +241,10 @@ void place(EmlMessage& eml, const std::vector<bool>& hidden, const std::wstring&
         EmlAttachment& attachment = eml.attachments[i];
         if (attachment.message || !attachment.reference.empty())
             continue;
-        const std::wstring clean = trimBlanks(attachment.contentId);
-        const std::string cid =
-            "cid:" + lowerAscii(wideToUtf8(clean.size() > 2 && clean.front() == L'<' ? clean.substr(1, clean.size() - 2)
-                                                                                      : clean));
+        std::wstring clean = trimBlanks(attachment.contentId);
+        if (clean.size() > 2 && clean.front() == L'<' && clean.back() == L'>')
+            clean = clean.substr(1, clean.size() - 2);
+        const std::string cid = "cid:" + lowerAscii(wideToUtf8(clean));
         if (!html.empty() && !clean.empty() && (hidden[i] || html.find(cid) != std::string::npos))
             attachment.placement = EmlPlacement::Related;
         else if (meeting && equalsIgnoreCase(attachment.mimeType, L"text/calendar"))
