@@ -110,14 +110,9 @@ std::string rewriteAddressHeaders(const std::string& headers, const MailAddress&
                                   const std::vector<MailAddress>& to, const std::vector<MailAddress>& cc,
                                   const std::vector<MailAddress>& bcc, bool extractMailAddress)
 {
-    std::string result = headers;
-    // Without an address "<>" would leave From empty: the header the mail
-    // has (an empty group named after the sender, say) stays.
-    if (!sender.mailAddress.empty()) {
-        const std::string from = senderHeaderValue(sender);
-        result = findHeaderInEml(result, "From", from, extractMailAddress);
-        result = findHeaderInEml(result, "Sender", from, extractMailAddress);
-    }
+    const std::string from = senderHeaderValue(sender);
+    std::string result = findHeaderInEml(headers, "From", from, extractMailAddress);
+    result = findHeaderInEml(result, "Sender", from, extractMailAddress);
     result = findHeaderInEml(result, "To", addressHeaderValue(to), extractMailAddress);
     result = findHeaderInEml(result, "Cc", addressHeaderValue(cc), extractMailAddress);
     result = findHeaderInEml(result, "Bcc", addressHeaderValue(bcc), extractMailAddress);

@@ -38,8 +38,7 @@ std::string addressHeaderValue(const std::vector<MailAddress>& addresses);
 std::string senderHeaderValue(const MailAddress& sender);
 
 // From and Sender get the sender, To, Cc and Bcc the recipient lists, in this
-// order, each through findHeaderInEml. A sender without an address leaves
-// From and Sender as they are.
+// order, each through findHeaderInEml.
 std::string rewriteAddressHeaders(const std::string& headers, const MailAddress& sender,
                                   const std::vector<MailAddress>& to, const std::vector<MailAddress>& cc,
                                   const std::vector<MailAddress>& bcc, bool extractMailAddress);
