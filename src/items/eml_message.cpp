@@ -284,7 +284,7 @@ bool collectContent(EmlAttachmentSource& source, uint32_t method, uint32_t codeP
     }
     case AttachMethod::oleObject:
         if (!source.objectBytes)
-            return false;
+            break; // its data as bytes, as some writers keep it
         attachment.bytes = std::move(*source.objectBytes);
         attachment.mimeType = L"application/octet-stream";
         KV_WARN(logger) << "attachment " << attachment.fileName << " is an OLE object, written as its compound file";

@@ -6,6 +6,8 @@
 #include "items/property_text.h"
 #include "items/stream_copy.h"
 
+#include <memory>
+
 namespace {
 
 const Logger logger("MailItem");
@@ -71,9 +73,31 @@ HRESULT readMessageSource(IStorage* storage, bool embedded, EmlMessageSource& so
     return S_OK;
 }
 
+// The bytes of the streams in a storage, counted before anything is copied;
+// more than `limit` (or deeper than OLE objects nest) is too large.
+HRESULT checkStorageSize(IStorage* storage, ULONGLONG limit, ULONGLONG& total, int depth = 0)
+{
+    ComPtr<IEnumSTATSTG> elements;
+    RETURN_IF_FAILED(storage->EnumElements(0, nullptr, 0, &elements));
+    STATSTG element{};
+    while (elements->Next(1, &element, nullptr) == S_OK) {
+        std::unique_ptr<wchar_t, decltype(&CoTaskMemFree)> name(element.pwcsName, &CoTaskMemFree);
+        total += element.cbSize.QuadPart;
+        if (total > limit || depth > 8)
+            return STG_E_DOCFILETOOLARGE;
+        ComPtr<IStorage> child;
+        if (element.type == STGTY_STORAGE &&
+            SUCCEEDED(storage->OpenStorage(name.get(), nullptr, childMode, nullptr, 0, &child)))
+            RETURN_IF_FAILED(checkStorageSize(child.Get(), limit, total, depth + 1));
+    }
+    return S_OK;
+}
+
 // An OLE object's storage as the bytes of a compound file of its own.
 HRESULT objectBytesOf(IStorage* object, std::string& bytes)
 {
+    ULONGLONG total = 0;
+    RETURN_IF_FAILED(checkStorageSize(object, maxObjectBytes, total));
     ComPtr<ILockBytes> lockBytes;
     RETURN_IF_FAILED(CreateILockBytesOnHGlobal(nullptr, TRUE, &lockBytes));
     ComPtr<IStorage> copy;
@@ -143,7 +167,8 @@ void readObjects(IStorage* storage, std::vector<EmlAttachmentSource>& attachment
 {
     for (EmlAttachmentSource& attachment : attachments) {
         const uint32_t method = findStoredLong(attachment.properties, EmlPropertyId::attachMethod).value_or(0);
-        if (method == AttachMethod::embeddedMessage || method == AttachMethod::oleObject)
+        // An OLE object kept as bytes has its data stream already.
+        if (method == AttachMethod::embeddedMessage || (method == AttachMethod::oleObject && !attachment.dataStream))
             readObject(storage, attachment, method, depth, budget);
     }
 }

@@ -58,6 +58,7 @@ TEST(EmlMessageCollection, OnlyAttachmentsWithTheirOwnBytesAreWritten)
         attachmentRow(4, L"plan.pdf", nullptr),
         attachmentRow(6, L"Picture", nullptr),
         attachmentRow(5, L"", nullptr),
+        attachmentRow(6, L"Kept as bytes", &bytes),
     };
     put(rows[5].properties, unicodeProperty(Id::attachLongPathName, L"\\\\server\\plan.pdf"));
     rows[6].objectBytes = "compound file";
@@ -65,7 +66,7 @@ TEST(EmlMessageCollection, OnlyAttachmentsWithTheirOwnBytesAreWritten)
     put(rows[7].message->properties, unicodeProperty(Id::subject, L"Inner"));
     put(rows[7].properties, unicodeProperty(Id::displayName, L"Inner"));
     const EmlMessage eml = collectEmlMessage({}, std::move(rows), someAddresses());
-    ASSERT_EQ(eml.attachments.size(), 5u);
+    ASSERT_EQ(eml.attachments.size(), 6u);
     EXPECT_EQ(eml.attachments[0].fileName, L"by value.pdf");
     EXPECT_EQ(eml.attachments[0].bytes, "data");
     EXPECT_EQ(eml.attachments[0].mimeType, L"application/pdf");
@@ -77,6 +78,7 @@ TEST(EmlMessageCollection, OnlyAttachmentsWithTheirOwnBytesAreWritten)
     ASSERT_TRUE(eml.attachments[4].message);
     EXPECT_EQ(eml.attachments[4].message->subject, L"Inner");
     EXPECT_EQ(eml.attachments[4].fileName, L"Inner.eml");
+    EXPECT_EQ(eml.attachments[5].bytes, "data");
     EXPECT_EQ(eml.attachmentsLeftOut, 3u);
     EXPECT_EQ(eml.bcc.size(), 1u);
 }

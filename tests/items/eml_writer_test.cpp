@@ -577,3 +577,45 @@ TEST_F(OwnEmlWriter, AttachedMessageHoldingItselfEndsAtTheDepthLimit)
     EXPECT_EQ(nested, 16u);
     EXPECT_NE(log.contents().find("lies deeper than 16 messages, left out"), std::string::npos) << log.contents();
 }
+
+// An OLE object (attach method 6) is carried as the compound file of its storage.
+TEST_F(OwnEmlWriter, OleObjectIsCarriedAsItsCompoundFile)
+{
+    MsgContent mail = plainMail();
+    mail.attachments = {{L"replaced below", "", L""}};
+    ComPtr<IStorage> ole = makeMsgInMemory(mail);
+    ASSERT_TRUE(ole);
+    ComPtr<IStorage> row = createChildStorage(ole.Get(), L"__attach_version1.0_#00000000");
+    ASSERT_EQ(writeRawPropertiesStream(row.Get(), 8,
+                                       propertyEntry(0x37050003, 6) + propertyEntry(0x3701000D, 0xFFFFFFFF) +
+                                           propertyEntry(0x3001001F, 10)),
+              S_OK);
+    ASSERT_EQ(writeRawSubstorageStream(row.Get(), 0x3001001F, std::string("P\0i\0c\0t\0", 8)), S_OK);
+    ComPtr<IStorage> object = createChildStorage(row.Get(), L"__substg1.0_3701000D");
+    ASSERT_EQ(writeRawStream(object.Get(), L"CONTENTS", "bitmap bytes"), S_OK);
+    ASSERT_EQ(object->Commit(STGC_DEFAULT), S_OK);
+    ASSERT_EQ(row->Commit(STGC_DEFAULT), S_OK);
+    object.Reset(); // children open only one at a time
+    row.Reset();
+
+    LogCapture log(LOG_WARN);
+    MailItem item(folder.file(L"ole.msg"), ole.Get(), settings);
+    ASSERT_EQ(item.save(), S_OK);
+    const ReadBack eml(readBytes(folder.file(L"ole.eml")));
+    ASSERT_TRUE(eml.multipart) << log.contents();
+    EXPECT_NE(log.contents().find("is an OLE object, written as its compound file"), std::string::npos);
+    const MimePart& part = *eml.mime.root().children.back();
+    EXPECT_EQ(rfc2231Parameter(part.header("Content-Disposition")->value, "filename"), "Pict");
+    const std::string file = eml.decodedBody(part);
+    writeBytes(folder.file(L"object.bin"), file);
+    ComPtr<IStorage> copy;
+    ASSERT_EQ(StgOpenStorageEx(folder.file(L"object.bin").c_str(), STGM_READ | STGM_SHARE_DENY_WRITE, STGFMT_ANY, 0,
+                               nullptr, nullptr, IID_IStorage, reinterpret_cast<void**>(copy.GetAddressOf())),
+              S_OK);
+    ComPtr<IStream> contents;
+    ASSERT_EQ(copy->OpenStream(L"CONTENTS", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &contents), S_OK);
+    char bytes[32] = {};
+    ULONG read = 0;
+    contents->Read(bytes, sizeof bytes, &read);
+    EXPECT_EQ(std::string(bytes, read), "bitmap bytes");
+}
