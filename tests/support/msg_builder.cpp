@@ -107,52 +107,19 @@ std::string encapsulatedHtml(const std::string& html)
     return rtf + "}";
 }
 
-// The compressed RTF format: references to the longest earlier match in the
-// dictionary, literals elsewhere.
+// The compressed RTF format at its simplest: every byte a literal (eight to a
+// control byte), then a reference to the write position as the end mark.
 std::string lzCompress(std::string_view rtf)
 {
-    constexpr size_t size = CompressedRtf::dictionarySize;
-    std::string dictionary(size, '\0');
-    dictionary.replace(0, CompressedRtf::dictionaryPrefix.size(), CompressedRtf::dictionaryPrefix);
-    size_t writeAt = CompressedRtf::dictionaryPrefix.size();
-    size_t filled = writeAt;
     std::string data;
-    size_t at = 0;
-    for (bool ended = false; !ended;) {
-        const size_t controlAt = data.size();
-        data += '\0';
-        for (int bit = 0; bit < 8 && !ended; ++bit) {
-            size_t bestOffset = 0, bestLength = 0;
-            for (size_t offset = 0; offset < filled && at < rtf.size(); ++offset) {
-                const size_t room = (writeAt - offset) % size; // a match must not reach the write position
-                size_t length = 0;
-                while (length < 17 && length < room && at + length < rtf.size() &&
-                       dictionary[(offset + length) % size] == rtf[at + length])
-                    ++length;
-                if (length > bestLength) {
-                    bestOffset = offset;
-                    bestLength = length;
-                }
-            }
-            size_t reference = bestOffset;
-            if (at >= rtf.size()) {
-                reference = writeAt; // the end mark
-                bestLength = 2;
-                ended = true;
-            }
-            if (bestLength < 2) {
-                data += rtf[at];
-                bestLength = 1;
-            } else {
-                data[controlAt] = static_cast<char>(data[controlAt] | 1 << bit);
-                data += static_cast<char>(reference >> 4);
-                data += static_cast<char>((reference & 15) << 4 | ((bestLength - 2) & 15));
-            }
-            for (size_t i = 0; i < bestLength && !ended; ++i, ++at) {
-                dictionary[writeAt] = rtf[at];
-                writeAt = (writeAt + 1) % size;
-                filled = std::min(filled + 1, size);
-            }
+    for (size_t at = 0; at <= rtf.size(); at += 8) {
+        const size_t literals = std::min<size_t>(8, rtf.size() - at);
+        data += static_cast<char>(literals < 8 ? 1 << literals : 0);
+        data.append(rtf.substr(at, literals));
+        if (literals < 8) {
+            const size_t end = (CompressedRtf::dictionaryPrefix.size() + rtf.size()) % CompressedRtf::dictionarySize;
+            data += static_cast<char>(end >> 4);
+            data += static_cast<char>((end & 15) << 4);
         }
     }
     return data;
