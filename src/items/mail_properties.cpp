@@ -205,21 +205,17 @@ uint32_t stringCodePageOfMessage(const StoredProperties& message)
     const std::optional<uint32_t> messageCodePage = findStoredLong(message, idMessageCodePage);
     const std::optional<uint32_t> internetCodePage = findStoredLong(message, idInternetCodePage);
     const uint32_t codePage = stringCodePageOf(messageCodePage, internetCodePage);
-    // Unicode code pages name no script: 8-bit text is then in the machine's.
-    const auto unknown = [](std::optional<uint32_t> given) {
-        return given && *given != 1200 && *given != 1201 && *given != CodePage::utf8 && *given != 65000 &&
-               !IsValidCodePage(windowsCodePageOf(*given));
+    if (codePage != CodePage::machine && IsValidCodePage(codePage)) {
+        KV_DEBUG(logger) << "8-bit text in code page " << codePage;
+        return codePage;
+    }
+    // A Unicode code page names no script: 8-bit text is in the machine's then.
+    const auto namesScript = [](std::optional<uint32_t> given) {
+        return given && *given != 1200 && *given != 1201 && *given != 65000 && *given != CodePage::utf8;
     };
-    if ((codePage != CodePage::machine && !IsValidCodePage(codePage)) ||
-        (codePage == CodePage::machine && (unknown(messageCodePage) || unknown(internetCodePage)))) {
-        KV_WARN(logger) << "code page " << (codePage ? codePage : messageCodePage.value_or(internetCodePage.value_or(0)))
+    if (codePage != CodePage::machine || namesScript(messageCodePage) || namesScript(internetCodePage)) {
+        KV_WARN(logger) << "code page " << messageCodePage.value_or(0) << "/" << internetCodePage.value_or(0)
                         << " of the message's 8-bit text is not known here, read in " << GetACP();
-        return CodePage::machine;
     }
-    if (messageCodePage || internetCodePage) {
-        KV_DEBUG(logger) << "8-bit text in code page " << codePage << " (message code page "
-                         << messageCodePage.value_or(0) << ", Internet code page " << internetCodePage.value_or(0)
-                         << ")";
-    }
-    return codePage;
+    return CodePage::machine;
 }

@@ -518,7 +518,7 @@ TEST_F(OwnEmlWriter, OtherItemsAndDamagedPartsStillGiveAReadableEml)
         {L"meeting", meeting, {"Content-Type: text/calendar; charset=\"utf-8\";\r\n method=REQUEST"}, ""},
         {L"bad-crc", withRtf(badCrc), {"Content-Type: text/html", "Hello Bob,"}, "does not match the header"},
         {L"cut-rtf", withRtf(rtf.substr(0, rtf.size() - 3)), {"Content-Type: text/html"}, "ends without its end mark"},
-        {L"code-page", unknownCodePage, {"Hello Bob,"}, "code page 12345 of the message's 8-bit text is not known"},
+        {L"code-page", unknownCodePage, {"Hello Bob,"}, "code page 12345/0 of the message's 8-bit text is not known"},
         {L"links", links, {"access-type=\"local-file\"", "name*=utf-8''%5C%5Cserver%5Cshare%5Cplan.pdf"},
          "has nothing that can be written"},
     };
