@@ -86,6 +86,10 @@ bool bytesOfValue(const SPropValue& value, std::string& bytes)
         bytes.assign(8, '\0');
         std::memcpy(bytes.data(), &value.Value.l, 4);
         return true;
+    case PT_BOOLEAN:
+        bytes.assign(8, '\0');
+        std::memcpy(bytes.data(), &value.Value.b, sizeof value.Value.b);
+        return true;
     case PT_SYSTIME:
         bytes.assign(reinterpret_cast<const char*>(&value.Value.ft), 8);
         return true;

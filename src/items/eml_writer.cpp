@@ -6,8 +6,11 @@
 #include "items/mime_body_encoding.h"
 #include "items/mime_header_text.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <functional>
+#include <vector>
 
 namespace {
 
@@ -89,18 +92,28 @@ HRESULT writeTextPart(StreamSink& sink, const char* subtype, const std::string& 
     return sink.write(part);
 }
 
-HRESULT writeBodyPart(StreamSink& sink, const EmlMessage& message)
+HRESULT writeRtfPart(StreamSink& sink, const std::string& rtf)
 {
-    const std::string plain = wideToUtf8(message.body);
-    if (message.htmlUtf8.empty())
-        return writeTextPart(sink, "plain", plain);
-    const std::string boundary = newBoundary(2);
-    RETURN_IF_FAILED(sink.write("Content-Type: multipart/alternative;\r\n boundary=\"" + boundary + "\"\r\n\r\n"));
-    RETURN_IF_FAILED(sink.write("--" + boundary + "\r\n"));
-    RETURN_IF_FAILED(writeTextPart(sink, "plain", plain));
-    RETURN_IF_FAILED(sink.write("--" + boundary + "\r\n"));
-    RETURN_IF_FAILED(writeTextPart(sink, "html", message.htmlUtf8));
-    return sink.write("--" + boundary + "--\r\n");
+    // The RTF names its own code pages.
+    std::string part = "Content-Type: text/rtf\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n";
+    part += withFinalLineBreak(encodeQuotedPrintable(normalizeLineBreaks(rtf)));
+    return sink.write(part);
+}
+
+// A multipart: each writer in `parts` writes one part's headers and content.
+HRESULT writeMultipart(StreamSink& sink, int level, const std::string& type,
+                       const std::vector<std::function<HRESULT()>>& parts, std::string_view preamble = {})
+{
+    const std::string boundary = newBoundary(level);
+    RETURN_IF_FAILED(sink.write("Content-Type: multipart/" + type + ";\r\n boundary=\"" + boundary + "\"\r\n\r\n"));
+    RETURN_IF_FAILED(sink.write(preamble));
+    for (const auto& part : parts) {
+        RETURN_IF_FAILED(sink.write("--" + boundary + "\r\n"));
+        RETURN_IF_FAILED(part());
+    }
+    // An empty epilogue line: strict readers want a byte behind the last
+    // delimiter before they take it as one.
+    return sink.write("--" + boundary + "--\r\n\r\n");
 }
 
 std::string contentIdHeader(const std::wstring& contentId)
@@ -112,11 +125,34 @@ std::string contentIdHeader(const std::wstring& contentId)
     return clean.empty() || clean.find(L' ') != std::wstring::npos ? std::string() : header;
 }
 
-HRESULT writeAttachmentPart(StreamSink& sink, const EmlAttachment& attachment)
+HRESULT writeMessage(StreamSink& sink, const EmlMessage& message, int depth);
+
+HRESULT writeAttachmentPart(StreamSink& sink, const EmlAttachment& attachment, int depth)
 {
+    const char* disposition = attachment.placement == EmlPlacement::Attachment ? "attachment" : "inline";
+    if (attachment.message) {
+        std::string headers = "Content-Type: message/rfc822\r\nContent-Disposition: attachment";
+        headers += mimeParameter("filename", attachment.fileName);
+        headers += "\r\n\r\n";
+        RETURN_IF_FAILED(sink.write(headers));
+        return writeMessage(sink, *attachment.message, depth + 1);
+    }
+    if (!attachment.reference.empty()) {
+        // RFC 2046 5.2.3: the part names where the content is, and carries
+        // the headers the content would have.
+        const bool url = startsWith(attachment.reference, L"http://") || startsWith(attachment.reference, L"https://");
+        std::string headers = "Content-Type: message/external-body;";
+        headers += url ? "\r\n access-type=\"URL\"" : "\r\n access-type=\"local-file\"";
+        headers += mimeParameter(url ? "URL" : "name", attachment.reference);
+        headers += "\r\nContent-Disposition: attachment";
+        headers += mimeParameter("filename", attachment.fileName);
+        headers += "\r\n\r\nContent-Type: " + wideToUtf8(attachment.mimeType) + "\r\n\r\n";
+        return sink.write(headers);
+    }
     std::string headers = "Content-Type: " + wideToUtf8(attachment.mimeType);
     headers += mimeParameter("name", attachment.fileName);
-    headers += "\r\nContent-Transfer-Encoding: base64\r\nContent-Disposition: attachment";
+    headers += "\r\nContent-Transfer-Encoding: base64\r\nContent-Disposition: ";
+    headers += disposition;
     headers += mimeParameter("filename", attachment.fileName);
     headers += "\r\n";
     headers += contentIdHeader(attachment.contentId);
@@ -134,36 +170,97 @@ HRESULT writeAttachmentPart(StreamSink& sink, const EmlAttachment& attachment)
     return hr;
 }
 
-} // namespace
-
-std::string emlMessageHeaders(const EmlMessage& message)
+// A meeting request's calendar, beside the bodies, with the method the
+// calendar names (as calendar clients look for it there).
+HRESULT writeCalendarPart(StreamSink& sink, const EmlAttachment& calendar)
 {
-    std::string headers;
-    headers += addressHeader("From", {message.from});
-    if (!message.sender.mailAddress.empty() && !equalsIgnoreCase(message.sender.mailAddress, message.from.mailAddress))
-        headers += addressHeader("Sender", {message.sender});
-    headers += addressHeader("To", message.to);
-    headers += addressHeader("Cc", message.cc);
-    headers += addressHeader("Bcc", message.bcc);
-    headers += unstructuredHeader("Subject", message.subject);
-    if (message.date) {
-        const std::string date = mimeDate(*message.date);
-        if (!date.empty())
-            headers += "Date: " + date + "\r\n";
+    std::string text = calendar.bytes;
+    if (calendar.dataStream) {
+        Microsoft::WRL::ComPtr<IStream> stream = calendar.dataStream;
+        char buffer[4096];
+        ULONG read = 0;
+        while (text.size() < (size_t(16) << 20) && SUCCEEDED(stream->Read(buffer, sizeof buffer, &read)) && read > 0)
+            text.append(buffer, read);
     }
-    headers += identifierHeader("Message-ID", message.messageId);
-    headers += identifierHeader("In-Reply-To", message.inReplyTo);
-    headers += identifierHeader("References", message.references);
-    headers += "MIME-Version: 1.0\r\n";
-    return headers;
+    std::string method;
+    const size_t at = text.find("\nMETHOD:");
+    if (at != std::string::npos) {
+        const size_t end = text.find_first_of("\r\n", at + 8);
+        for (char c : text.substr(at + 8, end == std::string::npos ? std::string::npos : end - at - 8)) {
+            if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-')
+                method += c;
+        }
+    }
+    std::string headers = "Content-Type: text/calendar; charset=\"utf-8\"";
+    if (!method.empty())
+        headers += ";\r\n method=" + method;
+    headers += "\r\nContent-Transfer-Encoding: base64\r\n\r\n";
+    RETURN_IF_FAILED(sink.write(headers));
+    return writeBase64Lines(text, [&sink](std::string_view piece) { return sink.write(piece); });
 }
 
-ULONGLONG emlSizeEstimate(const EmlMessage& message)
+bool hasPlaced(const EmlMessage& message, EmlPlacement placement)
+{
+    return std::any_of(message.attachments.begin(), message.attachments.end(),
+                       [placement](const EmlAttachment& attachment) { return attachment.placement == placement; });
+}
+
+// The HTML, with the pictures it shows beside it when there are any.
+HRESULT writeHtmlEntity(StreamSink& sink, const EmlMessage& message, int depth)
+{
+    if (!hasPlaced(message, EmlPlacement::Related))
+        return writeTextPart(sink, "html", message.htmlUtf8);
+    std::vector<std::function<HRESULT()>> parts{[&] { return writeTextPart(sink, "html", message.htmlUtf8); }};
+    for (const EmlAttachment& attachment : message.attachments) {
+        if (attachment.placement == EmlPlacement::Related)
+            parts.push_back([&, depth] { return writeAttachmentPart(sink, attachment, depth); });
+    }
+    return writeMultipart(sink, depth * 4 + 3, "related; type=\"text/html\"", parts);
+}
+
+// The bodies: plain text, then what renders it more faithfully.
+HRESULT writeBodyEntity(StreamSink& sink, const EmlMessage& message, int depth)
+{
+    const std::string plain = wideToUtf8(message.body);
+    std::vector<std::function<HRESULT()>> parts{[&] { return writeTextPart(sink, "plain", plain); }};
+    if (!message.rtf.empty())
+        parts.push_back([&] { return writeRtfPart(sink, message.rtf); });
+    if (!message.htmlUtf8.empty())
+        parts.push_back([&, depth] { return writeHtmlEntity(sink, message, depth); });
+    for (const EmlAttachment& attachment : message.attachments) {
+        if (attachment.placement == EmlPlacement::Alternative)
+            parts.push_back([&] { return writeCalendarPart(sink, attachment); });
+    }
+    if (parts.size() == 1)
+        return parts.front()();
+    return writeMultipart(sink, depth * 4 + 2, "alternative", parts);
+}
+
+HRESULT writeMessage(StreamSink& sink, const EmlMessage& message, int depth)
+{
+    if (depth > maxEmbeddedMessageDepth)
+        return E_UNEXPECTED; // the reader never nests deeper
+    RETURN_IF_FAILED(sink.write(emlMessageHeaders(message)));
+    if (!hasPlaced(message, EmlPlacement::Attachment))
+        return writeBodyEntity(sink, message, depth);
+    std::vector<std::function<HRESULT()>> parts{[&, depth] { return writeBodyEntity(sink, message, depth); }};
+    for (const EmlAttachment& attachment : message.attachments) {
+        if (attachment.placement == EmlPlacement::Attachment)
+            parts.push_back([&, depth] { return writeAttachmentPart(sink, attachment, depth); });
+    }
+    return writeMultipart(sink, depth * 4 + 1, "mixed", parts, "This is a multi-part message in MIME format.\r\n");
+}
+
+ULONGLONG sizeEstimate(const EmlMessage& message)
 {
     // Quoted-printable triples a byte at worst; base64 takes 4 for 3 and a
     // line break for 57.
-    ULONGLONG size = 64 * 1024 + 3ULL * (message.body.size() * 3 + message.htmlUtf8.size());
+    ULONGLONG size = 64 * 1024 + 3ULL * (message.body.size() * 3 + message.htmlUtf8.size() + message.rtf.size());
     for (const EmlAttachment& attachment : message.attachments) {
+        if (attachment.message) {
+            size += sizeEstimate(*attachment.message);
+            continue;
+        }
         ULONGLONG bytes = attachment.bytes.size();
         STATSTG stat{};
         if (attachment.dataStream && SUCCEEDED(attachment.dataStream->Stat(&stat, STATFLAG_NONAME)))
@@ -173,30 +270,47 @@ ULONGLONG emlSizeEstimate(const EmlMessage& message)
     return size;
 }
 
+} // namespace
+
+std::string emlMessageHeaders(const EmlMessage& message)
+{
+    std::string headers = addressHeader("From", {message.from});
+    if (headers.empty())
+        headers = groupHeader("From", message.from.name.empty() ? message.sender.name : message.from.name);
+    if (!message.sender.mailAddress.empty() && !equalsIgnoreCase(message.sender.mailAddress, message.from.mailAddress))
+        headers += addressHeader("Sender", {message.sender});
+    headers += addressHeader("To", message.to);
+    headers += addressHeader("Cc", message.cc);
+    headers += addressHeader("Bcc", message.bcc);
+    headers += addressHeader("Reply-To", message.replyTo);
+    headers += unstructuredHeader("Subject", message.subject);
+    if (message.date) {
+        const std::string date = mimeDate(*message.date);
+        if (!date.empty())
+            headers += "Date: " + date + "\r\n";
+    }
+    headers += identifierHeader("Message-ID", message.messageId);
+    headers += identifierHeader("In-Reply-To", message.inReplyTo);
+    headers += identifierHeader("References", message.references);
+    if (message.importance == 2)
+        headers += "Importance: high\r\nX-Priority: 1\r\n";
+    else if (message.importance == 0)
+        headers += "Importance: low\r\nX-Priority: 5\r\n";
+    headers += "MIME-Version: 1.0\r\n";
+    return headers;
+}
+
+ULONGLONG emlSizeEstimate(const EmlMessage& message)
+{
+    return sizeEstimate(message);
+}
+
 HRESULT writeEml(const EmlMessage& message, IStream* stream)
 {
     if (!stream)
         return E_POINTER;
     StreamSink sink(stream);
-    RETURN_IF_FAILED(sink.write(emlMessageHeaders(message)));
-    if (message.attachments.empty()) {
-        RETURN_IF_FAILED(writeBodyPart(sink, message));
-    } else {
-        const std::string boundary = newBoundary(1);
-        RETURN_IF_FAILED(sink.write("Content-Type: multipart/mixed;\r\n boundary=\"" + boundary +
-                                    "\"\r\n\r\nThis is a multi-part message in MIME format.\r\n"));
-        RETURN_IF_FAILED(sink.write("--" + boundary + "\r\n"));
-        RETURN_IF_FAILED(writeBodyPart(sink, message));
-        for (const EmlAttachment& attachment : message.attachments) {
-            RETURN_IF_FAILED(sink.write("--" + boundary + "\r\n"));
-            RETURN_IF_FAILED(writeAttachmentPart(sink, attachment));
-        }
-        RETURN_IF_FAILED(sink.write("--" + boundary + "--\r\n"));
-    }
-    // An empty epilogue line: strict readers want a byte behind the last
-    // delimiter before they take it as one.
-    if (!message.attachments.empty() || !message.htmlUtf8.empty())
-        RETURN_IF_FAILED(sink.write("\r\n"));
+    RETURN_IF_FAILED(writeMessage(sink, message, 0));
     RETURN_IF_FAILED(sink.flush());
     KV_DEBUG(logger) << "writeEml: " << sink.written() << " bytes, " << message.attachments.size() << " attachments";
     return S_OK;

@@ -1,12 +1,21 @@
 #pragma once
 // Korvane's own Internet mail writer, for when Outlook's MIME converter is
 // not there or fails. The header block puts the address headers first
-// (From, Sender, To, Cc, Bcc), then Subject, Date and the identifiers, and
-// ends with MIME-Version and the content headers: the address-header rewrite
-// never looks at a block's last header, so the headers it rewrites must not
-// stand there. The body is text/plain, or multipart/alternative when the
-// mail has HTML, inside multipart/mixed when it has attachments (base64).
-// CRLF throughout; no line beyond 998 characters, base64 lines of 76.
+// (From, Sender, To, Cc, Bcc), then Reply-To, Subject, Date, the identifiers
+// and the importance, and ends with MIME-Version and the content headers:
+// the address-header rewrite never looks at a block's last header, so the
+// headers it rewrites must not stand there. From is always there: as an
+// empty group named after the sender when no address is known.
+//
+// The structure, each level only where it has more than one part:
+//   multipart/mixed            the bodies, then the attachments
+//     multipart/alternative    text/plain, text/rtf, the HTML, a meeting's text/calendar
+//       multipart/related      text/html and the pictures it shows (Content-ID)
+//     attachments              base64; attached messages as message/rfc822
+//                              holding a whole mail of this same shape;
+//                              links as message/external-body
+// Text is UTF-8 (declared so) in quoted-printable; CRLF throughout; no line
+// beyond 998 characters, base64 lines of 76.
 #include "items/eml_message.h"
 
 #include <objidl.h>

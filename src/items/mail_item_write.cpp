@@ -259,8 +259,11 @@ HRESULT MailItem::readEmlProperties(StoredProperties& message, std::vector<EmlAt
         return readEmlSourcesFromStorage(storage_.Get(), message, attachments);
     RETURN_IF_FAILED(readPropertyMapThroughMapi(message_.Get(), *mapi, emlMessageTags(), message));
     const HRESULT hr = readAttachmentsThroughMapi(message_.Get(), *mapi, emlAttachmentTags(), attachments);
-    if (SUCCEEDED(hr))
+    if (SUCCEEDED(hr)) {
+        // Attached messages and OLE objects are read from their storages.
+        readAttachedObjects(storage_.Get(), attachments);
         return hr;
+    }
     // A message opened on a storage has its attachments in that storage too.
     KV_INFO(logger) << "no attachment table through MAPI, hr=" << hr << ", attachments read from the storage";
     StoredProperties unused;
@@ -276,7 +279,8 @@ HRESULT MailItem::saveAsEmlWithOwnWriter()
     std::vector<EmlAttachmentSource> attachments;
     HRESULT hr = readEmlProperties(properties, attachments);
     if (FAILED(hr)) {
-        KV_ERROR(logger) << "properties for the EML of " << fileName_ << " can't be read, hr=" << hr;
+        KV_ERROR(logger) << "properties for the EML of " << fileName_ << " can't be read, hr=" << hr << ": "
+                         << storedReadProblem(hr);
         return hr;
     }
     const EmlMessage eml = collectEmlMessage(properties, std::move(attachments), properties_);

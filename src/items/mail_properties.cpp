@@ -8,6 +8,7 @@
 #include <mapicode.h>
 
 #include <cstring>
+#include <optional>
 #include <wrl/client.h>
 
 namespace {
@@ -29,11 +30,16 @@ constexpr ULONG messageTags[] = {
     0x001A001F, // PR_MESSAGE_CLASS_W
 };
 
+constexpr uint16_t idMessageCodePage = 0x3FFD;  // PR_MESSAGE_CODEPAGE
+constexpr uint16_t idInternetCodePage = 0x3FDE; // PR_INTERNET_CPID
+
 constexpr ULONG tagRecipientType = 0x0C150003;
 constexpr ULONG tagEntryId = 0x0FFF0102;
 constexpr ULONG tagDisplayName = 0x3001001F;
 constexpr ULONG tagAddrType = 0x3002001F;
 constexpr ULONG tagEmailAddress = 0x3003001F;
+constexpr ULONG tagSmtpAddress = 0x39FE001F;       // PR_SMTP_ADDRESS_W
+constexpr ULONG tagSenderSmtpAddress = 0x5D01001F; // PR_SENDER_SMTP_ADDRESS_W
 
 std::wstring* messageField(MailProperties& properties, size_t index)
 {
@@ -75,19 +81,10 @@ void addRecipient(MailProperties& properties, ULONG type, MailAddress address)
     }
 }
 
-ULONG longOfStored(const StoredProperty* property)
-{
-    if (!property || property->bytes.size() < 4)
-        return 0;
-    ULONG value = 0;
-    std::memcpy(&value, property->bytes.data(), 4);
-    return value;
-}
-
-std::wstring textOfStored(const StoredProperties& properties, ULONG tag)
+std::wstring textOfStored(const StoredProperties& properties, ULONG tag, uint32_t codePage)
 {
     const StoredProperty* property = findStoredProperty(properties, PROP_ID(tag));
-    return property ? propertyText(property->tag, property->bytes) : std::wstring();
+    return property ? propertyText(property->tag, property->bytes, codePage) : std::wstring();
 }
 
 } // namespace
@@ -179,13 +176,46 @@ HRESULT readPropertiesFromStorage(IStorage* storage, MailProperties& properties)
     const HRESULT hr = readStoredMessage(storage, message, limits);
     if (FAILED(hr))
         return hr;
+    mailPropertiesFromStored(message.properties, message.recipients, properties);
+    return hr;
+}
+
+void mailPropertiesFromStored(const StoredProperties& message, const std::vector<StoredProperties>& recipients,
+                              MailProperties& properties, bool smtpOfExchangeEntries)
+{
+    const uint32_t codePage = stringCodePageOfMessage(message);
+    const auto smtpOfExchange = [&](MailAddress& address, const StoredProperties& properties, ULONG smtpTag) {
+        if (smtpOfExchangeEntries && address.addrType == L"EX")
+            address.mailAddress = textOfStored(properties, smtpTag, codePage);
+    };
     for (size_t i = 0; i < std::size(messageTags); ++i)
-        *messageField(properties, i) = textOfStored(message.properties, messageTags[i]);
-    for (const StoredProperties& row : message.recipients) {
+        *messageField(properties, i) = textOfStored(message, messageTags[i], codePage);
+    smtpOfExchange(properties.sender, message, tagSenderSmtpAddress);
+    for (const StoredProperties& row : recipients) {
         MailAddress address;
         for (ULONG tag : {tagEntryId, tagDisplayName, tagAddrType, tagEmailAddress})
-            *recipientField(address, PROP_ID(tag)) = textOfStored(row, tag);
-        addRecipient(properties, longOfStored(findStoredProperty(row, PROP_ID(tagRecipientType))), std::move(address));
+            *recipientField(address, PROP_ID(tag)) = textOfStored(row, tag, codePage);
+        smtpOfExchange(address, row, tagSmtpAddress);
+        addRecipient(properties, findStoredLong(row, PROP_ID(tagRecipientType)).value_or(0), std::move(address));
     }
-    return hr;
+}
+
+uint32_t stringCodePageOfMessage(const StoredProperties& message)
+{
+    const std::optional<uint32_t> messageCodePage = findStoredLong(message, idMessageCodePage);
+    const std::optional<uint32_t> internetCodePage = findStoredLong(message, idInternetCodePage);
+    const uint32_t codePage = stringCodePageOf(messageCodePage, internetCodePage);
+    if (codePage != CodePage::machine && IsValidCodePage(codePage)) {
+        KV_DEBUG(logger) << "8-bit text in code page " << codePage;
+        return codePage;
+    }
+    // A Unicode code page names no script: 8-bit text is in the machine's then.
+    const auto namesScript = [](std::optional<uint32_t> given) {
+        return given && *given != 1200 && *given != 1201 && *given != 65000 && *given != CodePage::utf8;
+    };
+    if (codePage != CodePage::machine || namesScript(messageCodePage) || namesScript(internetCodePage)) {
+        KV_WARN(logger) << "code page " << messageCodePage.value_or(0) << "/" << internetCodePage.value_or(0)
+                        << " of the message's 8-bit text is not known here, read in " << GetACP();
+    }
+    return CodePage::machine;
 }

@@ -267,6 +267,24 @@ std::string addressHeader(std::string_view name, const std::vector<MailAddress>&
     return header;
 }
 
+std::string groupHeader(std::string_view name, std::wstring_view displayName)
+{
+    const std::wstring clean = cleanHeaderText(displayName);
+    std::string phrase;
+    if (clean.empty()) {
+        phrase = "undisclosed-sender";
+    } else if (isPlainAscii(clean) && clean.size() <= maxQuotedName && clean.find(L"=?") == std::wstring::npos) {
+        phrase = quotedName(clean);
+    } else {
+        for (const std::string& word : encodedWords(clean, name.size() + 2)) {
+            if (!phrase.empty())
+                phrase += "\r\n ";
+            phrase += word;
+        }
+    }
+    return std::string(name) + ": " + phrase + ":;\r\n";
+}
+
 std::string identifierHeader(std::string_view name, std::wstring_view value)
 {
     const std::wstring clean = cleanHeaderText(value);

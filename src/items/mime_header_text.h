@@ -42,6 +42,11 @@ std::string mailboxText(const MailAddress& address, size_t firstColumn);
 // "To: first,\r\n second\r\n": one mailbox a line. Empty when no address can be written.
 std::string addressHeader(std::string_view name, const std::vector<MailAddress>& addresses);
 
+// "From: "Display Name":;\r\n": a sender whose address is unknown, as an
+// empty group (RFC 5322 as RFC 6854 extends it to From and Sender), so that
+// the header is there and valid; "undisclosed-sender:;" without a name.
+std::string groupHeader(std::string_view name, std::wstring_view displayName);
+
 // Message-ID, In-Reply-To, References: ASCII identifiers folded at blanks.
 // Empty when the value is empty, not ASCII, or holds a token too long for a line.
 std::string identifierHeader(std::string_view name, std::wstring_view value);

@@ -15,10 +15,12 @@ inline constexpr const wchar_t* attachmentPrefix = L"__attach_version1.0_#";
 inline constexpr const wchar_t* nameIdStorage = L"__nameid_version1.0";
 
 // Header of the properties stream: the message itself carries reserved bytes,
-// next recipient and attachment ids and both counts; a recipient or attachment
-// storage only 8 reserved bytes. Each property entry follows as tag, flags and
-// an 8-byte value.
+// next recipient and attachment ids and both counts; an attached message the
+// same without the last 8 reserved bytes; a recipient or attachment storage
+// only 8 reserved bytes. Each property entry follows as tag, flags and an
+// 8-byte value.
 inline constexpr size_t messageHeaderSize = 32;
+inline constexpr size_t embeddedMessageHeaderSize = 24;
 inline constexpr size_t rowHeaderSize = 8;
 inline constexpr size_t entrySize = 16;
 
@@ -34,6 +36,10 @@ inline constexpr uint32_t flagWritable = 4;
 
 inline constexpr uint16_t multiValueFlag = 0x1000;
 inline constexpr uint16_t typeObject = 0x000D;
+
+// An attachment's object (attached message or OLE object): a storage named
+// after this tag inside the attachment's storage.
+inline constexpr uint32_t attachDataObjectTag = 0x3701000D;
 
 enum class ValueKind {
     Fixed,       // the 8 value bytes of the entry are the value

@@ -170,10 +170,19 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
                         << " bytes, not a properties stream";
         return STG_E_DOCFILECORRUPT;
     }
-    if (bytes.size() < headerSize || (bytes.size() - headerSize) % MsgLayout::entrySize != 0) {
+    // Some writers give an attached message the top-level message's longer header.
+    if (headerSize == MsgLayout::embeddedMessageHeaderSize && bytes.size() >= MsgLayout::messageHeaderSize &&
+        (bytes.size() - headerSize) % MsgLayout::entrySize != 0 &&
+        (bytes.size() - MsgLayout::messageHeaderSize) % MsgLayout::entrySize == 0)
+        headerSize = MsgLayout::messageHeaderSize;
+    if (bytes.size() < headerSize) {
         KV_WARN(logger) << "properties stream of " << placeText(where) << " has " << bytes.size()
-                        << " bytes, not a header of " << headerSize << " and whole entries of " << MsgLayout::entrySize;
+                        << " bytes, not a header of " << headerSize;
         return STG_E_DOCFILECORRUPT;
+    }
+    if (const size_t trailing = (bytes.size() - headerSize) % MsgLayout::entrySize) {
+        KV_INFO(logger) << "properties stream of " << placeText(where) << " has " << trailing
+                        << " bytes after its last whole entry, ignored";
     }
     context.header.assign(bytes, 0, headerSize);
 
@@ -182,10 +191,15 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
         const uint32_t tag = readLe32(entry);
         const uint16_t id = propertyIdOf(tag);
         const uint16_t type = propertyTypeOf(tag);
-        if (properties.count(id)) {
-            KV_DEBUG(logger) << "property " << tagText(tag) << " of " << placeText(where)
-                             << " occurs again, the first one counts";
-            continue;
+        if (const auto known = properties.find(id); known != properties.end()) {
+            // The Unicode form of a string wins over its 8-bit form.
+            const bool unicodeOverString8 =
+                type == PropertyType::Unicode && propertyTypeOf(known->second.tag) == PropertyType::String8;
+            KV_DEBUG(logger) << "property " << tagText(tag) << " of " << placeText(where) << " occurs again, the "
+                             << (unicodeOverString8 ? "Unicode" : "first") << " one counts";
+            if (!unicodeOverString8)
+                continue;
+            properties.erase(known);
         }
         switch (MsgLayout::valueKindOf(type)) {
         case MsgLayout::ValueKind::Fixed:
@@ -337,7 +351,9 @@ HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const Store
     }
 
     ReadContext context{limits, message.skipped, {}, {}};
-    HRESULT hr = readPropertiesStorage(storage, MsgLayout::messageHeaderSize, L"", context, message.properties);
+    const size_t headerSize =
+        limits.embeddedMessage ? MsgLayout::embeddedMessageHeaderSize : MsgLayout::messageHeaderSize;
+    HRESULT hr = readPropertiesStorage(storage, headerSize, L"", context, message.properties);
     if (FAILED(hr)) {
         KV_WARN(logger) << ")readStoredMessage=" << hrText(hr)
                         << (hr == STG_E_FILENOTFOUND ? ", not a message storage"
@@ -371,4 +387,26 @@ const StoredProperty* findStoredProperty(const StoredProperties& properties, uin
 {
     const auto found = properties.find(propertyId);
     return found == properties.end() ? nullptr : &found->second;
+}
+
+std::optional<uint32_t> findStoredLong(const StoredProperties& properties, uint16_t propertyId)
+{
+    const StoredProperty* property = findStoredProperty(properties, propertyId);
+    if (!property || property->bytes.size() < 4)
+        return std::nullopt;
+    const uint16_t type = propertyTypeOf(property->tag);
+    if (type != PropertyType::Long && type != PropertyType::Boolean)
+        return std::nullopt;
+    const uint32_t value = readLe32(property->bytes.data());
+    return type == PropertyType::Boolean ? value & 0xFFFF : value;
+}
+
+const wchar_t* storedReadProblem(HRESULT hr)
+{
+    switch (hr) {
+    case STG_E_FILENOTFOUND: return L"the storage has no properties stream, it is not a mail";
+    case STG_E_DOCFILECORRUPT: return L"the mail's properties stream is damaged";
+    case E_POINTER: return L"there is no storage";
+    default: return L"the mail's storage can't be read";
+    }
 }

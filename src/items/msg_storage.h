@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,17 +54,22 @@ struct StoredReadLimits {
     // and left in its stream, for a caller that streams it from the storage
     // named in attachmentNames rather than holding it in memory.
     bool readAttachmentData = true;
+    // The storage of an attached message (__substg1.0_3701000D), whose
+    // properties stream has the shorter header of its own.
+    bool embeddedMessage = false;
 };
 
 // Reads the message's properties, its recipient rows and its attachments'
 // properties (an embedded message attachment's storage is not descended into:
 // its PT_OBJECT value is kept with empty bytes).
 // A storage without a properties stream is not a message: STG_E_FILENOTFOUND.
-// A properties stream that is truncated, has a count that doesn't fit its size,
-// or points at substorage streams that are missing or shorter than their entry
-// says gives STG_E_DOCFILECORRUPT for that value only when it can be skipped,
-// or for the whole read when the properties stream itself is broken; every
-// failure is logged. Never reads past a buffer.
+// A properties stream shorter than its header, or longer than any message's,
+// gives STG_E_DOCFILECORRUPT for the whole read; bytes after its last whole
+// entry are ignored, as Outlook ignores them. Substorage streams that are
+// missing or shorter than their entry says give STG_E_DOCFILECORRUPT for
+// that value, which is skipped; every failure is logged. Never reads past a
+// buffer. Of a property stored both as PT_UNICODE and as PT_STRING8 the
+// Unicode value is kept; otherwise the first entry of an id counts.
 // A value can be skipped; so can a recipient or attachment storage whose own
 // properties stream is broken. Each is listed in `skipped` with its reason
 // (STG_E_DOCFILECORRUPT, STG_E_DOCFILETOOLARGE beyond the limits, or the
@@ -73,5 +79,11 @@ struct StoredReadLimits {
 // binaries (one stream per value) are not read.
 HRESULT readStoredMessage(IStorage* storage, StoredMessage& message, const StoredReadLimits& limits = {});
 
+// What a failed readStoredMessage means, for the log.
+const wchar_t* storedReadProblem(HRESULT hr);
+
 // The property with this id, or null.
 const StoredProperty* findStoredProperty(const StoredProperties& properties, uint16_t propertyId);
+
+// The value of a PT_LONG or PT_BOOLEAN property with this id, if there is one.
+std::optional<uint32_t> findStoredLong(const StoredProperties& properties, uint16_t propertyId);

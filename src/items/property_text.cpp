@@ -1,5 +1,6 @@
 #include "items/property_text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -20,6 +21,30 @@ std::wstring isoTimeOf(const FILETIME& time)
     return text;
 }
 
+std::wstring textInCodePage(std::string_view bytes, uint32_t codePage)
+{
+    if (bytes.empty())
+        return L"";
+    if (codePage == CodePage::machine || !IsValidCodePage(codePage))
+        codePage = CP_ACP;
+    // Text beyond 2 GiB is no property value; it is cut there.
+    const int size = static_cast<int>(std::min<size_t>(bytes.size(), 0x7FFFFFFF));
+    const int chars = MultiByteToWideChar(codePage, 0, bytes.data(), size, nullptr, 0);
+    std::wstring text(chars > 0 ? chars : 0, L'\0');
+    if (chars > 0)
+        MultiByteToWideChar(codePage, 0, bytes.data(), size, text.data(), chars);
+    return text;
+}
+
+const CodePageDecoder& codePageDecoder()
+{
+    static const CodePageDecoder decoder = [](std::string_view bytes, uint32_t codePage) {
+        const std::wstring text = textInCodePage(bytes, codePage);
+        return std::u16string(text.begin(), text.end());
+    };
+    return decoder;
+}
+
 std::wstring hexOf(std::string_view bytes)
 {
     static const wchar_t digits[] = L"0123456789ABCDEF";
@@ -33,7 +58,7 @@ std::wstring hexOf(std::string_view bytes)
     return hex;
 }
 
-std::wstring propertyText(uint32_t tag, std::string_view bytes)
+std::wstring propertyText(uint32_t tag, std::string_view bytes, uint32_t codePage)
 {
     switch (propertyTypeOf(tag)) {
     case PropertyType::Unicode: {
@@ -44,17 +69,8 @@ std::wstring propertyText(uint32_t tag, std::string_view bytes)
             text.resize(end);
         return text;
     }
-    case PropertyType::String8: {
-        std::string_view narrow = bytes.substr(0, bytes.find('\0'));
-        if (narrow.empty())
-            return L"";
-        const int size = static_cast<int>(narrow.size());
-        const int chars = MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, nullptr, 0);
-        std::wstring text(chars > 0 ? chars : 0, L'\0');
-        if (chars > 0)
-            MultiByteToWideChar(CP_ACP, 0, narrow.data(), size, text.data(), chars);
-        return text;
-    }
+    case PropertyType::String8:
+        return textInCodePage(bytes.substr(0, bytes.find('\0')), codePage);
     case PropertyType::SysTime: {
         if (bytes.size() < sizeof(FILETIME))
             return L"";

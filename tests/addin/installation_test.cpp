@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <sstream>
 
 using Microsoft::WRL::ComPtr;
 
@@ -24,46 +23,11 @@ constexpr const wchar_t* productSubKey = L"Software\\QUEMBROOK\\Korvane Addin fo
 constexpr const wchar_t* ribbonInfoName = L"\\Ribbon.Microsoft.Outlook.Explorer";
 constexpr const wchar_t* defaultName = L"Korvane Addin for Microsoft Outlook";
 
-std::wstring guidText(REFGUID guid)
-{
-    wchar_t text[40] = {};
-    StringFromGUID2(guid, text, 40);
-    return text;
-}
-
-// Values read with the raw API (this program is 64-bit): no Outlook is registered
-// here, so the add-in takes its own bitness for Outlook's.
-std::wstring rawString(HKEY root, const std::wstring& subKey, const wchar_t* valueName = nullptr)
-{
-    wchar_t buffer[4096] = {};
-    DWORD size = sizeof buffer;
-    if (RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_SZ, nullptr, buffer,
-                     &size) != ERROR_SUCCESS)
-        return L"<missing>";
-    return buffer;
-}
-
-DWORD rawDword(HKEY root, const std::wstring& subKey, const wchar_t* valueName)
-{
-    DWORD value = 0xFFFFFFFF;
-    DWORD size = sizeof value;
-    RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_DWORD, nullptr, &value, &size);
-    return value;
-}
-
 void setRaw(HKEY root, const std::wstring& subKey, const std::wstring& value)
 {
     ASSERT_EQ(RegSetKeyValueW(root, subKey.c_str(), nullptr, REG_SZ, value.c_str(),
                               static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))),
               ERROR_SUCCESS);
-}
-
-std::string describe(const std::vector<std::wstring>& changes)
-{
-    std::ostringstream text;
-    for (const auto& change : changes)
-        text << wideToUtf8(change) << "\n";
-    return text.str();
 }
 
 // A JNIEnv as a JVM hands it to native methods, over strings of the test.
@@ -128,7 +92,7 @@ protected:
     void expectNothingLeft() const
     {
         const auto left = changes();
-        EXPECT_TRUE(left.empty()) << describe(left);
+        EXPECT_TRUE(left.empty()) << describeChanges(left);
     }
 
     ProductSettingsKey settings;
@@ -233,8 +197,7 @@ TEST_F(Installation, ParameterStringsGiveScopeNamesAndRibbonInfo)
                   row.forUser ? L"true" : L"<missing>");
         for (const auto& change : changes()) {
             // A per-user installation never writes the machine's registry.
-            if (row.forUser)
-                EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
+            EXPECT_TRUE(!row.forUser || startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
         }
         ::rundll32(run, "RunUninstallW", row.params);
         expectNothingLeft();

@@ -1,6 +1,7 @@
 // Key paths, reading with the unnamed-then-named rule, writing, deleting.
 #include "install/reg_util.h"
 
+#include "support/registry_snapshot.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
@@ -17,14 +18,6 @@ protected:
                                   nullptr),
                   ERROR_SUCCESS);
         return key;
-    }
-    bool rawKeyExists(HKEY root, const std::wstring& subKey, REGSAM view = 0)
-    {
-        HKEY key = nullptr;
-        if (RegOpenKeyExW(root, subKey.c_str(), 0, KEY_READ | view, &key) != ERROR_SUCCESS)
-            return false;
-        RegCloseKey(key);
-        return true;
     }
     std::wstring base() const { return L"Software\\" + std::wstring(keys.company) + L"\\" + keys.product(); }
 

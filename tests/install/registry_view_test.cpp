@@ -3,6 +3,7 @@
 
 #include "addin/log.h"
 #include "common/strings.h"
+#include "support/registry_snapshot.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
@@ -42,15 +43,6 @@ protected:
     TestSettingsKeys keys;
 };
 
-bool rawExists(const std::wstring& subKey)
-{
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key) != ERROR_SUCCESS)
-        return false;
-    RegCloseKey(key);
-    return true;
-}
-
 } // namespace
 
 TEST_F(RegistryView, ThirtyTwoBitViewLandsInWow6432Node)
@@ -60,14 +52,14 @@ TEST_F(RegistryView, ThirtyTwoBitViewLandsInWow6432Node)
     ASSERT_TRUE(RegUtil::setRegValue(L"HKLM\\" + relative, L"", L"eml"));
     EXPECT_EQ(RegUtil::readString(L"HKLM\\" + relative), L"eml");
 
-    EXPECT_TRUE(rawExists(L"Software\\Wow6432Node\\KorvaneTest\\" + keys.product() + L"\\Format"));
-    EXPECT_FALSE(rawExists(relative));
+    EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\KorvaneTest\\" + keys.product() + L"\\Format"));
+    EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, relative));
     RegUtil::setRegistryView(KEY_WOW64_64KEY);
     EXPECT_EQ(RegUtil::readString(L"HKLM\\" + relative), L"");
 
     RegUtil::setRegistryView(KEY_WOW64_32KEY);
     EXPECT_TRUE(RegUtil::deleteKey(L"HKLM\\Software\\KorvaneTest\\" + keys.product()));
-    EXPECT_FALSE(rawExists(L"Software\\Wow6432Node\\KorvaneTest\\" + keys.product()));
+    EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, L"Software\\Wow6432Node\\KorvaneTest\\" + keys.product()));
 }
 
 TEST_F(RegistryView, ThirtyTwoBitOutlookIsFoundInItsView)
@@ -124,9 +116,9 @@ TEST_F(RegistryView, Wow6432NodeTokenNamesThe32BitPlace)
         RegUtil::setRegistryView(row.view);
         const std::wstring path = L"HKLM\\" + std::wstring(row.path) + keys.product() + L"\\Format";
         ASSERT_TRUE(RegUtil::setRegValue(path, L"", L"eml"));
-        EXPECT_TRUE(rawExists(row.rawPlace + keys.product() + L"\\Format")) << wideToUtf8(row.path);
+        EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + keys.product() + L"\\Format")) << wideToUtf8(row.path);
         EXPECT_EQ(RegUtil::readString(path), L"eml");
         EXPECT_TRUE(RegUtil::deleteKey(L"HKLM\\" + std::wstring(row.path) + keys.product()));
-        EXPECT_FALSE(rawExists(row.rawPlace + keys.product()));
+        EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + keys.product()));
     }
 }

@@ -1,6 +1,6 @@
 // Gathering a mail's .eml content from its property maps: which attachments
-// can be written, names and types when the mail lacks them, the HTML body's
-// code page, the date and the From address.
+// can be written and as what, names and types when the mail lacks them, the
+// HTML body's code page, the date and the From address.
 #include "items/eml_message.h"
 
 #include "common/strings.h"
@@ -51,18 +51,34 @@ TEST(EmlMessageCollection, OnlyAttachmentsWithTheirOwnBytesAreWritten)
     const std::string empty;
     std::vector<EmlAttachmentSource> rows = {
         attachmentRow(1, L"by value.pdf", &bytes),
-        attachmentRow(4, L"link.lnk", nullptr),      // by reference: only a path
-        attachmentRow(5, L"embedded.msg", nullptr),  // an embedded message's storage
+        attachmentRow(4, L"link.lnk", nullptr),      // by reference, without its path
+        attachmentRow(5, L"embedded.msg", nullptr),  // an attached message that could not be read
         attachmentRow(1, L"empty.txt", &empty),
         attachmentRow(1, L"unreadable.bin", nullptr), // its bytes were left out by the reader
+        attachmentRow(4, L"plan.pdf", nullptr),
+        attachmentRow(6, L"Picture", nullptr),
+        attachmentRow(5, L"", nullptr),
+        attachmentRow(6, L"Kept as bytes", &bytes),
     };
+    put(rows[5].properties, unicodeProperty(Id::attachLongPathName, L"\\\\server\\plan.pdf"));
+    rows[6].objectBytes = "compound file";
+    rows[7].message = std::make_shared<EmlMessageSource>();
+    put(rows[7].message->properties, unicodeProperty(Id::subject, L"Inner"));
+    put(rows[7].properties, unicodeProperty(Id::displayName, L"Inner"));
     const EmlMessage eml = collectEmlMessage({}, std::move(rows), someAddresses());
-    ASSERT_EQ(eml.attachments.size(), 2u);
+    ASSERT_EQ(eml.attachments.size(), 6u);
     EXPECT_EQ(eml.attachments[0].fileName, L"by value.pdf");
     EXPECT_EQ(eml.attachments[0].bytes, "data");
     EXPECT_EQ(eml.attachments[0].mimeType, L"application/pdf");
     EXPECT_EQ(eml.attachments[1].fileName, L"empty.txt");
     EXPECT_EQ(eml.attachments[1].bytes, "");
+    EXPECT_EQ(eml.attachments[2].reference, L"\\\\server\\plan.pdf");
+    EXPECT_EQ(eml.attachments[3].bytes, "compound file");
+    EXPECT_EQ(eml.attachments[3].mimeType, L"application/octet-stream");
+    ASSERT_TRUE(eml.attachments[4].message);
+    EXPECT_EQ(eml.attachments[4].message->subject, L"Inner");
+    EXPECT_EQ(eml.attachments[4].fileName, L"Inner.eml");
+    EXPECT_EQ(eml.attachments[5].bytes, "data");
     EXPECT_EQ(eml.attachmentsLeftOut, 3u);
     EXPECT_EQ(eml.bcc.size(), 1u);
 }
@@ -117,17 +133,16 @@ TEST(EmlMessageCollection, HtmlBodyBecomesUtf8FromItsCodePage)
     EXPECT_EQ(collectEmlMessage({}, {}, {}).htmlUtf8, "");
 }
 
-TEST(EmlMessageCollection, DateIsTheSubmitTimeElseTheDeliveryTime)
+TEST(EmlMessageCollection, DateIsTheDeliveryElseTheSubmitElseTheCreationTime)
 {
     StoredProperties message;
-    put(message, timeProperty(Id::deliveryTime, utcFileTime(2024, 1, 2, 3, 4, 5)));
-    EmlMessage eml = collectEmlMessage(message, {}, {});
-    ASSERT_TRUE(eml.date.has_value());
-    EXPECT_EQ(isoTimeOf(*eml.date), L"2024-01-02T03:04:05Z");
+    EXPECT_FALSE(collectEmlMessage(message, {}, {}).date.has_value());
+    put(message, timeProperty(0x3007, utcFileTime(2024, 1, 1, 9, 0, 0))); // PR_CREATION_TIME: a draft
+    EXPECT_EQ(isoTimeOf(*collectEmlMessage(message, {}, {}).date), L"2024-01-01T09:00:00Z");
     put(message, timeProperty(Id::clientSubmitTime, utcFileTime(2024, 1, 2, 3, 0, 0)));
-    eml = collectEmlMessage(message, {}, {});
-    EXPECT_EQ(isoTimeOf(*eml.date), L"2024-01-02T03:00:00Z");
-    EXPECT_FALSE(collectEmlMessage({}, {}, {}).date.has_value());
+    EXPECT_EQ(isoTimeOf(*collectEmlMessage(message, {}, {}).date), L"2024-01-02T03:00:00Z");
+    put(message, timeProperty(Id::deliveryTime, utcFileTime(2024, 1, 2, 3, 4, 5)));
+    EXPECT_EQ(isoTimeOf(*collectEmlMessage(message, {}, {}).date), L"2024-01-02T03:04:05Z");
 }
 
 TEST(EmlMessageCollection, FromIsTheRepresentedPersonWhenAnSmtpAddressIsKnown)

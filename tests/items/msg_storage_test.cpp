@@ -475,21 +475,30 @@ TEST(MsgStorageHostile, StorageWithoutPropertiesStreamIsNotAMessage)
     EXPECT_EQ(readStoredMessage(nullptr, message), E_POINTER);
 }
 
-TEST(MsgStorageHostile, PropertiesStreamThatIsNotHeaderPlusWholeEntriesIsCorrupt)
+TEST(MsgStorageHostile, PropertiesStreamShorterThanItsHeaderIsCorruptBytesAfterTheLastEntryAreIgnored)
 {
     LogCapture log(LOG_INFO);
     const std::string entry = propertyEntry(Tag::recipientType, 1);
-    for (const std::string& broken :
-         {std::string(20, '\0'), std::string(32 + 5, '\0'), std::string(32, '\0') + entry + "xyz",
-          std::string(32, '\0') + entry.substr(0, 15)}) {
-        SCOPED_TRACE(broken.size());
+    const struct {
+        std::string bytes;
+        HRESULT hr;
+        size_t properties;
+    } rows[] = {
+        {std::string(20, '\0'), STG_E_DOCFILECORRUPT, 0},
+        {std::string(32 + 5, '\0'), S_OK, 0},
+        {std::string(32, '\0') + entry + "xyz", S_OK, 1},
+        {std::string(32, '\0') + entry + entry.substr(0, 15), S_OK, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bytes.size());
         const ComPtr<IStorage> storage = makeStorageInMemory();
-        ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 0, broken), S_OK);
+        ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 0, row.bytes), S_OK);
         StoredMessage message;
-        EXPECT_EQ(readStoredMessage(storage.Get(), message), STG_E_DOCFILECORRUPT);
-        EXPECT_TRUE(message.properties.empty());
+        EXPECT_EQ(readStoredMessage(storage.Get(), message), row.hr);
+        EXPECT_EQ(message.properties.size(), row.properties);
     }
     EXPECT_TRUE(contains(log.contents(), "properties stream of message has 20 bytes, not a header of 32"));
+    EXPECT_TRUE(contains(log.contents(), "properties stream of message has 15 bytes after its last whole entry"));
 }
 
 TEST(MsgStorageHostile, OverlongPropertiesStreamIsRefusedWithoutParsing)
@@ -668,9 +677,12 @@ TEST(MsgStorageHostile, ValueKindsObjectsDuplicatesAndMultiValues)
     const ComPtr<IStorage> storage =
         messageWithEntries(propertyEntry(Tag::recipientType, 0x1122334455667788ull) +
                            propertyEntry(tagOf(Id::recipientType, PropertyType::Binary), 4) + propertyEntry(mvLong, 8) +
-                           propertyEntry(mvUnicode, 8) + propertyEntry(object, 0xFFFFFFFF));
+                           propertyEntry(mvUnicode, 8) + propertyEntry(object, 0xFFFFFFFF) +
+                           propertyEntry(Tag::subject8, 2) + propertyEntry(Tag::subject, 4));
     ASSERT_EQ(writeRawSubstorageStream(storage.Get(), mvLong, std::string("\x01\x00\x00\x00\x02\x00\x00\x00", 8)),
               S_OK);
+    ASSERT_EQ(writeRawSubstorageStream(storage.Get(), Tag::subject8, "8b"), S_OK);
+    ASSERT_EQ(writeRawSubstorageStream(storage.Get(), Tag::subject, std::string("U\0n\0", 4)), S_OK);
 
     const StoredMessage message = readOrFail(storage.Get());
     // Fixed-size values keep all 8 bytes; the first entry of an id counts.
@@ -684,6 +696,8 @@ TEST(MsgStorageHostile, ValueKindsObjectsDuplicatesAndMultiValues)
     ASSERT_NE(findStoredProperty(message.properties, Id::attachDataBin), nullptr);
     EXPECT_EQ(findStoredProperty(message.properties, Id::attachDataBin)->tag, object);
     EXPECT_EQ(findStoredProperty(message.properties, Id::attachDataBin)->bytes, "");
+    // A string's Unicode form wins over its 8-bit form, whichever comes first.
+    EXPECT_EQ(textOf(message.properties, Id::subject), L"Un");
 }
 
 TEST(MsgStorageHostile, RandomPropertiesStreamsNeverYieldMoreThanTheirEntriesSay)

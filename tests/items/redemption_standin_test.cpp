@@ -287,7 +287,7 @@ TEST_F(RedemptionStandIn, BrokenMessageInAStorageFailsAsCorrupt)
         ComPtr<IStorage> storage;
         ASSERT_EQ(StgCreateDocfile(path.c_str(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, &storage),
                   S_OK);
-        ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 32, "\x01\x02\x03"), S_OK);
+        ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 16, "\x01\x02\x03"), S_OK); // shorter than its header
         ASSERT_EQ(storage->Commit(STGC_DEFAULT), S_OK);
     }
     UniqueVariant name(path);

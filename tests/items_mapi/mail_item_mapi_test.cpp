@@ -198,14 +198,17 @@ TEST_F(ConverterMail, ConverterMissingLeavesTheEmlToTheOwnWriter)
     MsgContent mail = richMail();
     mail.html = "<p>The figures.</p>";
     mail.internetMessageId = L"<figures@example.org>";
-    mail.attachments = {{L"figures.csv", "a;b\r\n1;2\r\n", L"text/csv"}};
+    MsgContent attached = mail;
+    attached.subject = L"Earlier figures";
+    mail.attachments = {{L"figures.csv", "a;b\r\n1;2\r\n", L"text/csv"},
+                        {L"Earlier figures", "", L"", L"", false, std::make_shared<MsgContent>(attached)}};
     auto item = itemFor(mail);
     ASSERT_EQ(item->prepareFile(), S_OK);
     ASSERT_EQ(item->save(), S_OK);
     EXPECT_STREQ(item->readWay(), L"MAPI");
     const std::string text = log.contents();
     EXPECT_NE(text.find("CoCreateInstance failed for CLSID_IConverterSession"), std::string::npos);
-    EXPECT_NE(text.find("written by Korvane's MIME writer (properties through MAPI, 1 attachments"),
+    EXPECT_NE(text.find("written by Korvane's MIME writer (properties through MAPI, 2 attachments"),
               std::string::npos)
         << text;
     const std::string eml = readBytes(folder.file(L"mail.eml"));
@@ -213,11 +216,15 @@ TEST_F(ConverterMail, ConverterMissingLeavesTheEmlToTheOwnWriter)
     ASSERT_TRUE(split.found) << eml;
     EXPECT_TRUE(split.headers.starts_with("From: \"Anna Sender\" <anna@example.org>\r\n")) << eml;
     EXPECT_NE(split.headers.find("Bcc: \"Dora\" <dora@example.org>\r\n"), std::string::npos) << eml;
-    EXPECT_NE(split.headers.find("Date: Sat, 30 Nov 2024 23:58:00 +0000\r\n"), std::string::npos) << eml;
+    EXPECT_NE(split.headers.find("Date: Sat, 30 Nov 2024 23:59:01 +0000\r\n"), std::string::npos) << eml;
     EXPECT_NE(split.headers.find("Message-ID: <figures@example.org>\r\n"), std::string::npos) << eml;
     EXPECT_NE(eml.find("Content-Type: text/html; charset=\"utf-8\""), std::string::npos) << eml;
     EXPECT_NE(eml.find("filename=\"figures.csv\""), std::string::npos) << eml;
     EXPECT_NE(eml.find("YTtiDQoxOzINCg=="), std::string::npos) << eml; // base64 of the attachment
+    EXPECT_NE(eml.find("Content-Type: message/rfc822\r\nContent-Disposition: attachment;\r\n "
+                       "filename=\"Earlier figures.eml\"\r\n\r\nFrom: \"Anna Sender\""),
+              std::string::npos)
+        << eml;
     const FILETIME expected = utcFileTime(2024, 11, 30, 23, 59, 1);
     WIN32_FILE_ATTRIBUTE_DATA data{};
     GetFileAttributesExW(folder.file(L"mail.eml").c_str(), GetFileExInfoStandard, &data);

@@ -167,7 +167,7 @@ TEST_F(MapiStandIn, BrokenPropertiesStreamIsCorruptData)
 {
     const ComPtr<IStorage> storage = makeStorageInMemory();
     ASSERT_TRUE(storage);
-    ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 32, "\x01\x02\x03"), S_OK);
+    ASSERT_EQ(writeRawPropertiesStream(storage.Get(), 16, "\x01\x02\x03"), S_OK); // shorter than its header
     ComPtr<IMessage> message;
     EXPECT_EQ(mapi.open(storage.Get(), message), MAPI_E_CORRUPT_DATA);
     EXPECT_FALSE(message);

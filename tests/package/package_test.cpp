@@ -17,7 +17,6 @@
 #include <sddl.h>
 #include <shlobj.h>
 
-#include <sstream>
 
 namespace {
 
@@ -30,22 +29,6 @@ std::wstring environment(const wchar_t* name)
     wchar_t value[1024] = {};
     GetEnvironmentVariableW(name, value, 1024);
     return value;
-}
-
-std::wstring guidText(REFGUID guid)
-{
-    wchar_t text[40] = {};
-    StringFromGUID2(guid, text, 40);
-    return text;
-}
-
-std::wstring rawString(HKEY root, const std::wstring& subKey, const wchar_t* valueName = nullptr)
-{
-    wchar_t buffer[1024] = {};
-    DWORD size = sizeof buffer;
-    if (RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_SZ, nullptr, buffer, &size) != ERROR_SUCCESS)
-        return L"<missing>";
-    return buffer;
 }
 
 std::wstring knownFolder(REFKNOWNFOLDERID id)
@@ -86,14 +69,6 @@ std::vector<std::wstring> unexpected(const std::vector<std::wstring>& changes, c
             left.push_back(change);
     }
     return left;
-}
-
-std::string describe(const std::vector<std::wstring>& changes)
-{
-    std::ostringstream text;
-    for (const auto& change : changes)
-        text << wideToUtf8(change) << "\n";
-    return text.str();
 }
 
 // A key of HKLM below which nobody may write, as for a user without
@@ -161,7 +136,7 @@ protected:
         std::vector<std::wstring> ours;
         std::copy_if(left.begin(), left.end(), std::back_inserter(ours),
                      [&](auto& change) { return !installersOwn(change) && !startsWith(change, textFormat); });
-        EXPECT_TRUE(ours.empty()) << describe(ours);
+        EXPECT_TRUE(ours.empty()) << describeChanges(ours);
         EXPECT_FALSE(fileExists(installFolder + L"\\korvane64.dll"));
         EXPECT_EQ(GetFileAttributesW(installFolder.c_str()), INVALID_FILE_ATTRIBUTES);
         EXPECT_EQ(rawString(HKEY_CURRENT_USER, std::wstring(productSubKey) + L"\\Format"), L"eml");
@@ -196,7 +171,7 @@ TEST_F(Packages, PerMachineInstallUpgradeAndRemoval)
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"FriendlyName"), L"Korvane Addin for Microsoft Outlook");
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, std::wstring(productSubKey) + L"\\MaxFiles"), L"25");
     const auto written = unexpected(changes(), L"HKLM");
-    EXPECT_TRUE(written.empty()) << describe(written);
+    EXPECT_TRUE(written.empty()) << describeChanges(written);
     EXPECT_EQ(loadedTabTitle(), "Mail tools");
 
     // A newer package replaces the installed one in place.
@@ -227,7 +202,7 @@ TEST_F(Packages, PerUserInstallAndRemovalStayInTheUsersPlaces)
     ASSERT_EQ(msiexec(L"/i " + quoted(package) + L" RIBBONINFO=\"2;Mine\"" + perUser), 0u) << installerLog();
     EXPECT_TRUE(fileExists(installFolder + L"\\korvane64.dll"));
     const auto written = unexpected(changes(), L"HKCU");
-    EXPECT_TRUE(written.empty()) << describe(written);
+    EXPECT_TRUE(written.empty()) << describeChanges(written);
     // COM activation under Wine ignores HKCU\Software\Classes: what was written is the proof.
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\" + guidText(CLSID_CKVDragDropAddin) +
                                                L"\\InprocServer32"),
@@ -281,11 +256,11 @@ TEST_F(Packages, CustomActionsRunInAnInstallerSession)
         EXPECT_EQ(action("Install", L"1.0\\\\\\machine"), static_cast<UINT>(ERROR_INSTALL_FAILURE));
     }
     const auto leftByFailure = registryChanges(withoutRights, takeRegistrySnapshot());
-    EXPECT_TRUE(leftByFailure.empty()) << describe(leftByFailure);
+    EXPECT_TRUE(leftByFailure.empty()) << describeChanges(leftByFailure);
     MsiCloseHandle(session);
 
     const auto left = changes();
-    EXPECT_TRUE(left.empty()) << describe(left);
+    EXPECT_TRUE(left.empty()) << describeChanges(left);
     std::wstring all;
     for (const auto& line : logged)
         all += line + L"\n";

@@ -1,11 +1,14 @@
 #include "support/msg_builder.h"
 
 #include "common/hresult.h"
+#include "common/strings.h"
 #include "common/unique_resource.h"
 #include "items/msg_layout.h"
 #include "items/property_text.h"
+#include "items/rtf_compressed.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 using Microsoft::WRL::ComPtr;
@@ -23,6 +26,8 @@ constexpr uint32_t messageFlagHasAttach = 0x10;
 constexpr uint32_t objectTypeMailUser = 6;
 constexpr uint32_t objectTypeAttach = 7;
 constexpr uint32_t attachByValue = 1;
+constexpr uint32_t attachByReferenceOnly = 4;
+constexpr uint32_t attachEmbeddedMessage = 5;
 
 namespace Id = MsgPropertyId;
 
@@ -38,16 +43,86 @@ void appendLe32(std::string& bytes, uint32_t value)
     bytes.append(raw, 4);
 }
 
-std::string ansiOf(std::wstring_view text)
+std::string ansiOf(std::wstring_view text, UINT codePage)
 {
     if (text.empty())
         return {};
     const int size = static_cast<int>(text.size());
-    const int length = WideCharToMultiByte(CP_ACP, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
+    const int length = WideCharToMultiByte(codePage, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
     std::string narrow(length > 0 ? length : 0, '\0');
     if (length > 0)
-        WideCharToMultiByte(CP_ACP, 0, text.data(), size, narrow.data(), length, nullptr, nullptr);
+        WideCharToMultiByte(codePage, 0, text.data(), size, narrow.data(), length, nullptr, nullptr);
     return narrow;
+}
+
+// RTF text: \ { } escaped, line breaks as \par, Latin-1 as \'hh, the rest as \uN.
+std::string rtfText(std::wstring_view text)
+{
+    std::string rtf;
+    for (wchar_t c : text) {
+        if (c == L'\\' || c == L'{' || c == L'}') {
+            rtf += '\\';
+            rtf += static_cast<char>(c);
+        } else if (c == L'\n') {
+            rtf += "\\par\r\n";
+        } else if (c == L'\r') {
+            continue;
+        } else if (c < 0x80) {
+            rtf += static_cast<char>(c);
+        } else if (c < 0x100) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\'%02x", static_cast<unsigned>(c));
+            rtf += escape;
+        } else {
+            rtf += "\\u" + std::to_string(static_cast<int16_t>(c)) + "?";
+        }
+    }
+    return rtf;
+}
+
+const char* const rtfHeader = "{\\rtf1\\ansi\\ansicpg1252";
+const char* const rtfFonts = "\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}{\\colortbl;\\red0\\green0\\blue0;}\r\n";
+
+// HTML as Outlook encapsulates it: its tags in \*\htmltag groups, the text
+// between them as RTF text, and, for RTF readers only, formatting and a
+// paragraph break behind each paragraph.
+std::string encapsulatedHtml(const std::string& html)
+{
+    std::string rtf = std::string(rtfHeader) + "\\fromhtml1 " + rtfFonts + "\\htmlrtf \\f0\\fs20 \\htmlrtf0 ";
+    const std::wstring text = utf8ToWide(html);
+    for (size_t at = 0; at < text.size();) {
+        const size_t tag = text.find(L'<', at);
+        if (tag != at) {
+            rtf += rtfText(text.substr(at, tag - at));
+            at = tag == std::wstring::npos ? text.size() : tag;
+            continue;
+        }
+        const size_t end = std::min(text.find(L'>', tag), text.size() - 1);
+        const std::wstring markup = text.substr(tag, end - tag + 1);
+        rtf += "{\\*\\htmltag64 " + rtfText(markup) + "}";
+        if (markup == L"</p>" || markup == L"<br>")
+            rtf += "\\htmlrtf \\par\r\n\\htmlrtf0 ";
+        at = end + 1;
+    }
+    return rtf + "}";
+}
+
+// The compressed RTF format at its simplest: every byte a literal (eight to a
+// control byte), then a reference to the write position as the end mark.
+std::string lzCompress(std::string_view rtf)
+{
+    std::string data;
+    for (size_t at = 0; at <= rtf.size(); at += 8) {
+        const size_t literals = std::min<size_t>(8, rtf.size() - at);
+        data += static_cast<char>(literals < 8 ? 1 << literals : 0);
+        data.append(rtf.substr(at, literals));
+        if (literals < 8) {
+            const size_t end = (CompressedRtf::dictionaryPrefix.size() + rtf.size()) % CompressedRtf::dictionarySize;
+            data += static_cast<char>(end >> 4);
+            data += static_cast<char>((end & 15) << 4);
+        }
+    }
+    return data;
 }
 
 // GlobalLock for as long as the object lives.
@@ -84,14 +159,21 @@ PendingValue pending(StoredProperty property)
 
 class PropertyList {
 public:
-    explicit PropertyList(bool unicode) : unicode_(unicode) {}
+    explicit PropertyList(bool unicode, UINT codePage = CP_ACP) : unicode_(unicode), codePage_(codePage) {}
 
     void text(uint16_t id, std::wstring_view value)
     {
         if (value.empty())
             return;
-        values_.push_back(pending(unicode_ ? unicodeProperty(id, value) : string8Property(id, ansiOf(value))));
+        values_.push_back(
+            pending(unicode_ ? unicodeProperty(id, value) : string8Property(id, ansiOf(value, codePage_))));
     }
+    void bytes(uint16_t id, std::string value)
+    {
+        if (!value.empty())
+            values_.push_back(PendingValue{tagOf(id, PropertyType::Binary), std::move(value), nullptr});
+    }
+    void object(uint16_t id) { objects_.push_back(tagOf(id, MsgLayout::typeObject)); }
     void binary(uint16_t id, const std::string& value)
     {
         if (!value.empty())
@@ -113,15 +195,22 @@ public:
     }
 
     const std::vector<PendingValue>& values() const { return values_; }
+    const std::vector<uint32_t>& objects() const { return objects_; }
 
 private:
     bool unicode_;
+    UINT codePage_;
     std::vector<PendingValue> values_;
+    std::vector<uint32_t> objects_; // storages of their own, written by the caller
 };
 
-HRESULT writeProperties(IStorage* storage, const std::string& header, const std::vector<PendingValue>& values)
+HRESULT writeProperties(IStorage* storage, const std::string& header, const PropertyList& list,
+                        size_t trailingBytes = 0)
 {
     std::string stream = header;
+    for (uint32_t tag : list.objects())
+        stream += propertyEntry(tag, 0xFFFFFFFF);
+    const std::vector<PendingValue>& values = list.values();
     for (const PendingValue& value : values) {
         const uint16_t type = propertyTypeOf(value.tag);
         const std::string_view bytes = value.bytes();
@@ -147,6 +236,7 @@ HRESULT writeProperties(IStorage* storage, const std::string& header, const std:
             return E_INVALIDARG;
         }
     }
+    stream.append(trailingBytes, '\0');
     return writeRawStream(storage, MsgLayout::propertiesStream, stream);
 }
 
@@ -155,7 +245,7 @@ std::string rowHeader()
     return std::string(MsgLayout::rowHeaderSize, '\0');
 }
 
-std::string messageHeader(const MsgContent& content)
+std::string messageHeader(const MsgContent& content, bool embedded)
 {
     std::string header(8, '\0');
     const auto recipients = static_cast<uint32_t>(content.recipients.size());
@@ -164,9 +254,42 @@ std::string messageHeader(const MsgContent& content)
     appendLe32(header, attachments); // next attachment id
     appendLe32(header, recipients);
     appendLe32(header, attachments);
-    header.append(8, '\0');
+    if (!embedded)
+        header.append(8, '\0');
     return header;
 }
+
+// PR_REPLY_RECIPIENT_ENTRIES: a FlatEntryList of one-off entry ids.
+std::string oneOffEntryList(const std::vector<MsgRecipient>& recipients, bool unicode, UINT codePage)
+{
+    std::string list;
+    appendLe32(list, static_cast<uint32_t>(recipients.size()));
+    appendLe32(list, 0); // the size, set below
+    for (const MsgRecipient& recipient : recipients) {
+        std::string entry(4, '\0');
+        entry += std::string("\x81\x2B\x1F\xA4\xBE\xA3\x10\x19\x9D\x6E\x00\xDD\x01\x0F\x54\x02", 16);
+        entry += unicode ? std::string("\0\0\x00\x80", 4) : std::string(4, '\0');
+        for (const std::wstring& field : {recipient.name, recipient.addrType, recipient.address}) {
+            entry += unicode ? unicodeProperty(0, field).bytes + std::string(2, '\0') : ansiOf(field, codePage) + '\0';
+        }
+        appendLe32(list, static_cast<uint32_t>(entry.size()));
+        list += entry;
+        list.append((4 - entry.size() % 4) % 4, '\0');
+    }
+    const auto size = static_cast<uint32_t>(list.size() - 8);
+    std::memcpy(list.data() + 4, &size, 4);
+    return list;
+}
+
+std::wstring replyNames(const std::vector<MsgRecipient>& recipients)
+{
+    std::wstring names;
+    for (const MsgRecipient& recipient : recipients)
+        names += (names.empty() ? L"" : L"; ") + recipient.name;
+    return names;
+}
+
+HRESULT writeMessage(IStorage* target, const MsgContent& content, bool embedded);
 
 // The 8.3 name Outlook keeps beside the long one.
 std::wstring shortFileNameOf(const std::wstring& fileName)
@@ -187,18 +310,26 @@ std::wstring extensionOf(const std::wstring& fileName)
     return dot == std::wstring::npos ? L"" : fileName.substr(dot);
 }
 
-HRESULT writeRow(IStorage* message, const wchar_t* prefix, uint32_t number, const PropertyList& values)
+HRESULT writeRow(IStorage* message, const wchar_t* prefix, uint32_t number, const PropertyList& values,
+                 const MsgContent* attachedMessage = nullptr)
 {
     ComPtr<IStorage> row = createChildStorage(message, MsgLayout::rowStorageName(prefix, number));
     if (!row)
         return STG_E_CANTSAVE;
-    RETURN_IF_FAILED(writeProperties(row.Get(), rowHeader(), values.values()));
+    RETURN_IF_FAILED(writeProperties(row.Get(), rowHeader(), values));
+    if (attachedMessage) {
+        ComPtr<IStorage> object = createChildStorage(row.Get(), MsgLayout::substorageStreamName(MsgLayout::attachDataObjectTag));
+        if (!object)
+            return STG_E_CANTSAVE;
+        RETURN_IF_FAILED(writeMessage(object.Get(), *attachedMessage, true));
+        RETURN_IF_FAILED(object->Commit(STGC_DEFAULT));
+    }
     return row->Commit(STGC_DEFAULT);
 }
 
-HRESULT writeRecipient(IStorage* message, uint32_t number, const MsgRecipient& recipient, bool unicode)
+HRESULT writeRecipient(IStorage* message, uint32_t number, const MsgRecipient& recipient, bool unicode, UINT codePage)
 {
-    PropertyList values(unicode);
+    PropertyList values(unicode, codePage);
     values.number(Id::rowId, number);
     values.number(Id::recipientType, recipient.type);
     values.number(Id::objectType, objectTypeMailUser);
@@ -210,18 +341,29 @@ HRESULT writeRecipient(IStorage* message, uint32_t number, const MsgRecipient& r
     return writeRow(message, MsgLayout::recipientPrefix, number, values);
 }
 
-HRESULT writeAttachment(IStorage* message, uint32_t number, const MsgAttachment& attachment, bool unicode)
+HRESULT writeAttachment(IStorage* message, uint32_t number, const MsgAttachment& attachment, bool unicode,
+                        UINT codePage)
 {
-    PropertyList values(unicode);
+    PropertyList values(unicode, codePage);
     values.number(Id::attachNum, number);
     values.number(Id::objectType, objectTypeAttach);
-    values.number(Id::attachMethod, attachByValue);
     values.number(Id::renderingPosition, 0xFFFFFFFF);
     values.number(Id::attachSize, static_cast<uint32_t>(std::min<size_t>(attachment.bytes.size(), 0xFFFFFFFF)));
+    if (attachment.message) {
+        values.number(Id::attachMethod, attachEmbeddedMessage);
+        values.text(Id::displayName, attachment.fileName);
+        values.object(Id::attachDataBin);
+        return writeRow(message, MsgLayout::attachmentPrefix, number, values, attachment.message.get());
+    }
+    values.number(Id::attachMethod, attachment.linkPath.empty() ? attachByValue : attachByReferenceOnly);
+    values.text(Id::attachLongPathName, attachment.linkPath);
     values.text(Id::attachFileName, shortFileNameOf(attachment.fileName));
     values.text(Id::attachLongFileName, attachment.fileName);
     values.text(Id::attachExtension, extensionOf(attachment.fileName));
     values.text(Id::attachMimeTag, attachment.mimeType);
+    values.text(Id::attachContentId, attachment.contentId);
+    if (attachment.hidden)
+        values.number(Id::attachmentHidden, 1);
     values.binary(Id::attachDataBin, attachment.bytes);
     return writeRow(message, MsgLayout::attachmentPrefix, number, values);
 }
@@ -281,6 +423,33 @@ FILETIME utcFileTime(WORD year, WORD month, WORD day, WORD hour, WORD minute, WO
 
 HRESULT writeMsgStorage(IStorage* target, const MsgContent& content)
 {
+    return writeMessage(target, content, false);
+}
+
+std::string rtfBodyOf(const MsgContent& content)
+{
+    if (!content.rtfBody)
+        return {};
+    if (!content.html.empty())
+        return encapsulatedHtml(content.html);
+    return std::string(rtfHeader) + rtfFonts + "\\pard\\f0\\fs20 " + rtfText(content.body) + "\\par\r\n}";
+}
+
+std::string compressRtf(std::string_view rtf)
+{
+    const std::string data = lzCompress(rtf);
+    std::string compressed;
+    appendLe32(compressed, static_cast<uint32_t>(data.size() + 12));
+    appendLe32(compressed, static_cast<uint32_t>(rtf.size()));
+    appendLe32(compressed, CompressedRtf::typeCompressed);
+    appendLe32(compressed, compressedRtfCrc(data));
+    return compressed + data;
+}
+
+namespace {
+
+HRESULT writeMessage(IStorage* target, const MsgContent& content, bool embedded)
+{
     if (!target)
         return E_POINTER;
     // The first element created becomes the root of Wine's directory tree:
@@ -288,13 +457,16 @@ HRESULT writeMsgStorage(IStorage* target, const MsgContent& content)
     // every message-level stream.
     const auto recipientCount = static_cast<uint32_t>(content.recipients.size());
     for (uint32_t number : balancedCreationOrder(recipientCount))
-        RETURN_IF_FAILED(writeRecipient(target, number, content.recipients[number], content.unicodeStrings));
+        RETURN_IF_FAILED(
+            writeRecipient(target, number, content.recipients[number], content.unicodeStrings, content.codePage));
     const auto attachmentCount = static_cast<uint32_t>(content.attachments.size());
     for (uint32_t number : balancedCreationOrder(attachmentCount))
-        RETURN_IF_FAILED(writeAttachment(target, number, content.attachments[number], content.unicodeStrings));
-    RETURN_IF_FAILED(writeNameIdStorage(target));
+        RETURN_IF_FAILED(
+            writeAttachment(target, number, content.attachments[number], content.unicodeStrings, content.codePage));
+    if (!embedded) // an attached message shares its parent's
+        RETURN_IF_FAILED(writeNameIdStorage(target));
 
-    PropertyList values(content.unicodeStrings);
+    PropertyList values(content.unicodeStrings, content.codePage);
     values.text(Id::messageClass, content.messageClass);
     values.text(Id::subject, content.subject);
     values.time(Id::clientSubmitTime, content.submitTime);
@@ -303,8 +475,18 @@ HRESULT writeMsgStorage(IStorage* target, const MsgContent& content)
     values.text(Id::senderEmail, content.senderAddress);
     values.text(Id::senderAddrType, content.senderAddrType);
     values.binary(Id::senderEntryId, content.senderEntryId);
-    values.text(Id::body, content.body);
-    values.binary(Id::html, content.html);
+    if (content.rtfBody) {
+        values.bytes(Id::rtfCompressed, compressRtf(rtfBodyOf(content)));
+        values.number(Id::rtfInSync, 1);
+    } else {
+        values.text(Id::body, content.body);
+        values.binary(Id::html, content.html);
+    }
+    if (!content.replyTo.empty()) {
+        values.bytes(Id::replyRecipientEntries,
+                     oneOffEntryList(content.replyTo, content.unicodeStrings, content.codePage));
+        values.text(Id::replyRecipientNames, replyNames(content.replyTo));
+    }
     values.text(Id::internetMessageId, content.internetMessageId);
     values.text(Id::inReplyTo, content.inReplyTo);
     values.number(Id::messageFlags, messageFlagRead | (content.attachments.empty() ? 0 : messageFlagHasAttach));
@@ -312,8 +494,10 @@ HRESULT writeMsgStorage(IStorage* target, const MsgContent& content)
         values.number(Id::storeSupportMask, storeUnicodeOk);
     for (const StoredProperty& extra : content.extraProperties)
         values.replace(extra);
-    return writeProperties(target, messageHeader(content), values.values());
+    return writeProperties(target, messageHeader(content, embedded), values, content.trailingBytes);
 }
+
+} // namespace
 
 std::vector<uint32_t> balancedCreationOrder(uint32_t count)
 {

@@ -15,6 +15,7 @@
 #include <wrl/client.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,7 @@
 
 // The property ids the builder writes (tags are id << 16 | type).
 namespace MsgPropertyId {
+constexpr uint16_t importance = 0x0017;
 constexpr uint16_t messageClass = 0x001A;
 constexpr uint16_t subject = 0x0037;
 constexpr uint16_t clientSubmitTime = 0x0039;
@@ -45,6 +47,15 @@ constexpr uint16_t displayName = 0x3001;
 constexpr uint16_t addrType = 0x3002;
 constexpr uint16_t emailAddress = 0x3003;
 constexpr uint16_t storeSupportMask = 0x340D;
+constexpr uint16_t internetCodepage = 0x3FDE;
+constexpr uint16_t messageCodepage = 0x3FFD;
+constexpr uint16_t replyRecipientEntries = 0x004F;
+constexpr uint16_t replyRecipientNames = 0x0050;
+constexpr uint16_t rtfInSync = 0x0E1F;
+constexpr uint16_t rtfCompressed = 0x1009;
+constexpr uint16_t attachContentId = 0x3712;
+constexpr uint16_t attachLongPathName = 0x370D;
+constexpr uint16_t attachmentHidden = 0x7FFE;
 constexpr uint16_t displayType = 0x3900;
 constexpr uint16_t attachDataBin = 0x3701;
 constexpr uint16_t attachExtension = 0x3703;
@@ -61,10 +72,17 @@ struct MsgRecipient {
     std::string entryId;
 };
 
+struct MsgContent;
+
 struct MsgAttachment {
-    std::wstring fileName;
+    std::wstring fileName; // an attached message's display name
     std::string bytes;
     std::wstring mimeType;
+    std::wstring contentId{}; // a picture the HTML shows as "cid:" + contentId
+    bool hidden = false;      // left out of Outlook's attachment list, as inline pictures are
+    // An attached message (attach method 5), written as its own storage.
+    std::shared_ptr<const MsgContent> message{};
+    std::wstring linkPath{}; // an attachment by reference only (method 4) to this path
 };
 
 struct MsgContent {
@@ -78,7 +96,13 @@ struct MsgContent {
     std::wstring internetMessageId, inReplyTo;
     std::vector<MsgRecipient> recipients;
     std::vector<MsgAttachment> attachments;
-    bool unicodeStrings = true; // false writes PT_STRING8 in the ANSI code page
+    std::vector<MsgRecipient> replyTo; // one-off entries of PR_REPLY_RECIPIENT_ENTRIES
+    bool unicodeStrings = true; // false writes PT_STRING8 in `codePage`
+    UINT codePage = CP_ACP;
+    // The bodies as PR_RTF_COMPRESSED only (no PR_BODY, no PR_HTML): the HTML
+    // encapsulated in RTF when there is HTML, else the text as RTF of its own.
+    bool rtfBody = false;
+    size_t trailingBytes = 0; // after the last entry of the properties stream
     // Written last; one with the id of a property above replaces it. Streamed
     // types are written as their bytes, fixed-size ones as up to 8 value bytes;
     // PT_OBJECT and multi-valued strings or binaries are refused (E_INVALIDARG).
@@ -102,6 +126,11 @@ HRESULT writeMsgFile(const std::wstring& path, const MsgContent& content);
 // The message in a storage on an ILockBytes over global memory, committed;
 // null when anything failed.
 Microsoft::WRL::ComPtr<IStorage> makeMsgInMemory(const MsgContent& content);
+
+// The RTF that `rtfBody` writes (empty without it), and the compressed RTF
+// format (LZFu) it is written in.
+std::string rtfBodyOf(const MsgContent& content);
+std::string compressRtf(std::string_view rtf);
 
 // Values for `extraProperties`.
 StoredProperty unicodeProperty(uint16_t id, std::wstring_view text);

@@ -4,6 +4,7 @@
 #include "common/unique_resource.h"
 
 #include <windows.h>
+#include <objbase.h>
 
 #include <algorithm>
 #include <iterator>
@@ -76,4 +77,42 @@ std::vector<std::wstring> registryChanges(const RegistrySnapshot& before, const 
     for (const auto& entry : removed)
         changes.push_back(L"- " + entry);
     return changes;
+}
+
+std::wstring rawString(HKEY root, const std::wstring& subKey, const wchar_t* valueName)
+{
+    wchar_t buffer[4096] = {};
+    DWORD size = sizeof buffer;
+    if (RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_SZ, nullptr, buffer, &size) != ERROR_SUCCESS)
+        return L"<missing>";
+    return buffer;
+}
+
+DWORD rawDword(HKEY root, const std::wstring& subKey, const wchar_t* valueName)
+{
+    DWORD value = 0xFFFFFFFF;
+    DWORD size = sizeof value;
+    RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_DWORD, nullptr, &value, &size);
+    return value;
+}
+
+bool rawKeyExists(HKEY root, const std::wstring& subKey, REGSAM view)
+{
+    UniqueRegKey key;
+    return RegOpenKeyExW(root, subKey.c_str(), 0, KEY_READ | view, key.put()) == ERROR_SUCCESS;
+}
+
+std::wstring guidText(REFGUID guid)
+{
+    wchar_t text[40] = {};
+    StringFromGUID2(guid, text, 40);
+    return text;
+}
+
+std::string describeChanges(const std::vector<std::wstring>& changes)
+{
+    std::string text;
+    for (const auto& change : changes)
+        text += wideToUtf8(change) + "\n";
+    return text;
 }

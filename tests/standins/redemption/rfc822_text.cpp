@@ -29,16 +29,6 @@ std::wstring textOf(const StoredProperties& properties, uint16_t id)
     return property ? propertyText(property->tag, property->bytes) : std::wstring();
 }
 
-std::optional<uint32_t> longOf(const StoredProperties& properties, uint16_t id)
-{
-    const StoredProperty* property = findStoredProperty(properties, id);
-    if (!property || propertyTypeOf(property->tag) != PropertyType::Long || property->bytes.size() < 4)
-        return std::nullopt;
-    uint32_t value = 0;
-    std::memcpy(&value, property->bytes.data(), 4);
-    return value;
-}
-
 std::optional<FILETIME> timeOf(const StoredProperties& properties, uint16_t id)
 {
     const StoredProperty* property = findStoredProperty(properties, id);
@@ -100,7 +90,7 @@ std::string recipientsOfType(const StoredMessage& message, uint32_t type)
 {
     std::string list;
     for (const StoredProperties& row : message.recipients) {
-        if (longOf(row, idRecipientType) != type)
+        if (findStoredLong(row, idRecipientType) != type)
             continue;
         if (!list.empty())
             list += ", ";
