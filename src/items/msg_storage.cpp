@@ -2,6 +2,7 @@
 
 #include "addin/log.h"
 #include "items/msg_layout.h"
+#include "items/msg_properties_stream.h"
 #include "items/property_text.h"
 
 #include <wrl/client.h>
@@ -17,7 +18,8 @@ namespace {
 
 const Logger logger("MailItem");
 
-constexpr uint32_t attachDataBinTag = 0x37010102; // PR_ATTACH_DATA_BIN
+using MsgPropertiesStream::placeText;
+using MsgPropertiesStream::tagText;
 
 // Children of a compound file can only be opened exclusively; reading is all we do.
 constexpr DWORD childMode = STGM_READ | STGM_SHARE_EXCLUSIVE;
@@ -35,16 +37,6 @@ std::wstring hrText(HRESULT hr)
     wchar_t text[16] = {};
     std::swprintf(text, 16, L"0x%08X", static_cast<unsigned>(hr));
     return text;
-}
-
-std::wstring tagText(uint32_t tag)
-{
-    return L"0x" + MsgLayout::hex8(tag);
-}
-
-std::wstring placeText(const std::wstring& where)
-{
-    return where.empty() ? std::wstring(L"message") : where;
 }
 
 uint32_t readLe32(const char* bytes)
@@ -82,15 +74,6 @@ HRESULT readBounded(IStream* stream, size_t limit, size_t sizeHint, std::string&
     return S_OK;
 }
 
-void dropTerminator(uint16_t type, std::string& bytes)
-{
-    const size_t terminator = MsgLayout::terminatorSizeOf(type);
-    if (terminator == 0 || bytes.size() < terminator)
-        return;
-    if (bytes.compare(bytes.size() - terminator, terminator, std::string(terminator, '\0')) == 0)
-        bytes.resize(bytes.size() - terminator);
-}
-
 // The bytes of one variable-size value from its "__substg1.0_" stream. The
 // entry's size counts a string's terminator, which the stream may or may not
 // hold, so a string stream may be that much shorter than the size says.
@@ -124,12 +107,12 @@ HRESULT readStreamedValue(IStorage* storage, const std::wstring& where, uint32_t
                         << bytes.size() << " bytes, hr=" << hrText(hr) << ", value left out";
         return hr;
     }
-    if (bytes.size() < minimum) {
-        KV_WARN(logger) << "stream " << name.c_str() << " of " << placeText(where) << " holds " << bytes.size()
+    const size_t got = bytes.size();
+    if (!MsgPropertiesStream::completeStreamedValue(tag, size, bytes)) {
+        KV_WARN(logger) << "stream " << name.c_str() << " of " << placeText(where) << " holds " << got
                         << " bytes, its entry says " << size << ", value left out";
         return STG_E_DOCFILECORRUPT;
     }
-    dropTerminator(type, bytes);
     return S_OK;
 }
 
@@ -170,63 +153,20 @@ HRESULT readPropertiesStorage(IStorage* storage, size_t headerSize, const std::w
                         << " bytes, not a properties stream";
         return STG_E_DOCFILECORRUPT;
     }
-    // Some writers give an attached message the top-level message's longer header.
-    if (headerSize == MsgLayout::embeddedMessageHeaderSize && bytes.size() >= MsgLayout::messageHeaderSize &&
-        (bytes.size() - headerSize) % MsgLayout::entrySize != 0 &&
-        (bytes.size() - MsgLayout::messageHeaderSize) % MsgLayout::entrySize == 0)
-        headerSize = MsgLayout::messageHeaderSize;
-    if (bytes.size() < headerSize) {
-        KV_WARN(logger) << "properties stream of " << placeText(where) << " has " << bytes.size()
-                        << " bytes, not a header of " << headerSize;
+    const std::optional<size_t> entries = MsgPropertiesStream::entriesOffset(bytes.size(), headerSize, where);
+    if (!entries)
         return STG_E_DOCFILECORRUPT;
-    }
-    if (const size_t trailing = (bytes.size() - headerSize) % MsgLayout::entrySize) {
-        KV_INFO(logger) << "properties stream of " << placeText(where) << " has " << trailing
-                        << " bytes after its last whole entry, ignored";
-    }
-    context.header.assign(bytes, 0, headerSize);
+    context.header.assign(bytes, 0, *entries);
 
-    for (size_t at = headerSize; at + MsgLayout::entrySize <= bytes.size(); at += MsgLayout::entrySize) {
-        const char* entry = bytes.data() + at;
-        const uint32_t tag = readLe32(entry);
-        const uint16_t id = propertyIdOf(tag);
-        const uint16_t type = propertyTypeOf(tag);
-        if (const auto known = properties.find(id); known != properties.end()) {
-            // The Unicode form of a string wins over its 8-bit form.
-            const bool unicodeOverString8 =
-                type == PropertyType::Unicode && propertyTypeOf(known->second.tag) == PropertyType::String8;
-            KV_DEBUG(logger) << "property " << tagText(tag) << " of " << placeText(where) << " occurs again, the "
-                             << (unicodeOverString8 ? "Unicode" : "first") << " one counts";
-            if (!unicodeOverString8)
-                continue;
-            properties.erase(known);
-        }
-        switch (MsgLayout::valueKindOf(type)) {
-        case MsgLayout::ValueKind::Fixed:
-            properties.emplace(id, StoredProperty{tag, std::string(entry + 8, 8)});
-            break;
-        case MsgLayout::ValueKind::Object:
-            properties.emplace(id, StoredProperty{tag, std::string()});
-            break;
-        case MsgLayout::ValueKind::Unsupported:
-            KV_DEBUG(logger) << "property " << tagText(tag) << " of " << placeText(where)
-                             << " is multi-valued with one stream per value, not read";
-            break;
-        case MsgLayout::ValueKind::Streamed: {
-            if (context.leaveAttachmentData && tag == attachDataBinTag) {
-                properties.emplace(id, StoredProperty{tag, std::string()});
-                break;
-            }
-            std::string value;
-            const HRESULT valueHr = readStreamedValue(storage, where, tag, readLe32(entry + 8), context.limits, value);
+    MsgPropertiesStream::readEntries(
+        bytes, *entries, where, context.leaveAttachmentData,
+        [&](uint32_t tag, uint32_t size, std::string& value) {
+            const HRESULT valueHr = readStreamedValue(storage, where, tag, size, context.limits, value);
             if (FAILED(valueHr))
                 context.skip(where, tag, valueHr);
-            else
-                properties.emplace(id, StoredProperty{tag, std::move(value)});
-            break;
-        }
-        }
-    }
+            return SUCCEEDED(valueHr);
+        },
+        properties);
     return S_OK;
 }
 

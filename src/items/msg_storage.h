@@ -9,25 +9,14 @@
 // - "__recip_version1.0_#XXXXXXXX": one storage per recipient row, with its
 //   own properties stream and substorage streams;
 // - "__attach_version1.0_#XXXXXXXX": one storage per attachment.
+#include "items/stored_properties.h"
+
 #include <objidl.h>
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
-
-// One value as the storage holds it: fixed-size values as their 8 value bytes,
-// variable-size values as the whole bytes of their stream.
-struct StoredProperty {
-    uint32_t tag = 0; // property id in the high word, type in the low word
-    std::string bytes;
-};
-
-// The properties of one message, recipient row or attachment, by property id
-// (the high word of the tag), so that a string found as PT_STRING8 or
-// PT_UNICODE is found either way.
-using StoredProperties = std::map<uint16_t, StoredProperty>;
 
 // A value, recipient row or attachment that was in the storage but was left
 // out because it could not be read safely.

@@ -4,24 +4,11 @@
 #include <windows.h>
 
 #include "items/code_page.h"
+#include "items/stored_properties.h"
 
 #include <cstdint>
 #include <string>
 #include <string_view>
-
-namespace PropertyType {
-constexpr uint16_t Long = 0x0003;
-constexpr uint16_t Error = 0x000A;
-constexpr uint16_t Boolean = 0x000B;
-constexpr uint16_t LongLong = 0x0014;
-constexpr uint16_t String8 = 0x001E;
-constexpr uint16_t Unicode = 0x001F;
-constexpr uint16_t SysTime = 0x0040;
-constexpr uint16_t Binary = 0x0102;
-} // namespace PropertyType
-
-constexpr uint16_t propertyTypeOf(uint32_t tag) { return static_cast<uint16_t>(tag & 0xFFFF); }
-constexpr uint16_t propertyIdOf(uint32_t tag) { return static_cast<uint16_t>(tag >> 16); }
 
 // The text of a value given as its raw bytes:
 // - PT_UNICODE: UTF-16LE code units (a trailing NUL is dropped);
