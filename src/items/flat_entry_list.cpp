@@ -25,7 +25,7 @@ std::u16string takeString(std::string_view entry, size_t& at, bool unicode, uint
     if (!unicode) {
         const size_t end = std::min(entry.find('\0', at), entry.size());
         const std::string_view bytes = entry.substr(at, end - at);
-        at = end + 1;
+        at = end < entry.size() ? end + 1 : end;
         return bytes.empty() ? std::u16string() : decode(bytes, codePage);
     }
     std::u16string text;

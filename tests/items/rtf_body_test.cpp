@@ -169,4 +169,13 @@ TEST(ReplyRecipients, OneOffEntriesGiveTheirAddressesOthersAreCounted)
     const FlatEntryListAddresses cut = addressesOfFlatEntryList(list.substr(0, 40), 1251, codePageDecoder());
     EXPECT_TRUE(cut.damaged);
     EXPECT_TRUE(cut.addresses.empty());
+
+    // A name without its terminator runs to the entry's end; the fields after it are empty.
+    const std::string open = std::string(4, '\0') + provider + std::string(4, '\0') + "Zed";
+    const std::string single = fromHex("01 00 00 00 00 00 00 00") + static_cast<char>(open.size()) +
+                               std::string(3, '\0') + open + '\0';
+    const FlatEntryListAddresses unterminated = addressesOfFlatEntryList(single, 1252, codePageDecoder());
+    ASSERT_EQ(unterminated.addresses.size(), 1u);
+    EXPECT_EQ(unterminated.addresses[0].name, u"Zed");
+    EXPECT_TRUE(unterminated.addresses[0].address.empty());
 }
