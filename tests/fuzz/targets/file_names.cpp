@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzedDataProvider input(data, size);
     const std::wstring tempDir(input.ConsumeIntegralInRange<size_t>(0, 240), L'd');
     UniqueFileNames names(maxFileNameLength(tempDir));
-    for (int count = 0; count < 1000 && input.remaining_bytes() > 0; ++count) {
+    for (int count = 0; count < 256 && input.remaining_bytes() > 0; ++count) {
         const std::string given = input.ConsumeRandomLengthString(300);
         const std::wstring name(given.begin(), given.end());
         const std::wstring& unique = names.next(name);
