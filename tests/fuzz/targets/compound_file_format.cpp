@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     entries[0].type = EntryType::root;
     std::vector<std::vector<uint32_t>> children(1);
     std::vector<uint32_t> storages{0};
-    while (input.remaining_bytes() > 0 && entries.size() < 2000) {
+    while (input.remaining_bytes() > 0 && entries.size() < 512) {
         const uint32_t parent = storages[input.ConsumeIntegralInRange<size_t>(0, storages.size() - 1)];
         DirectoryEntry entry;
         entry.type = input.ConsumeBool() ? EntryType::storage : EntryType::stream;
