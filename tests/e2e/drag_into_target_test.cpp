@@ -6,8 +6,8 @@
 
 #include "common/strings.h"
 #include "e2e_shared/sample_mailbox.h"
-#include "support/msg_builder.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/msg_builder.h"
+#include "e2e_shared/outlook_data_object.h"
 
 #include <gtest/gtest.h>
 
