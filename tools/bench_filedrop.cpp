@@ -14,7 +14,7 @@
 #include "filedrop/cleanup.h"
 #include "filedrop/file_drop_state.h"
 #include "common/unique_resource.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 
 #include <algorithm>
 #include <chrono>

@@ -14,7 +14,7 @@
 #include "items/property_text.h"
 #include "items/rtf_compressed.h"
 #include "items/rtf_text.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 
 #include <shlwapi.h>
 

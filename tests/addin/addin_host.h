@@ -4,7 +4,7 @@
 // add-in's own settings key (the DLL reads no other) and the DLL's log file,
 // and ribbon controls as Office hands them to callbacks.
 #include "korvane_h.h"
-#include "support/dispatch_standin.h"
+#include "e2e_shared/dispatch_standin.h"
 #include "support/scratch.h"
 
 #include <windows.h>

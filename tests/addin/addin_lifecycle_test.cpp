@@ -2,7 +2,7 @@
 // add-in's log and in what it holds of Outlook.
 #include "addin_host.h"
 
-#include "support/outlook_standin.h"
+#include "e2e_shared/outlook_standin.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@
 #include "common/com_variant.h"
 #include "install/base64.h"
 #include "install/reg_util.h"
-#include "support/outlook_standin.h"
+#include "e2e_shared/outlook_standin.h"
 
 #include <objidl.h>
 #include <gdiplus.h>

@@ -12,7 +12,7 @@
 #include "dataobject/global_memory.h"
 #include "dataobject/item_id_list.h"
 #include "dataobject/shell_data_object.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

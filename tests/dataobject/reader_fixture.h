@@ -9,7 +9,7 @@
 #include "dataobject/data_object_reader.h"
 #include "dataobject/global_memory.h"
 #include "items/msg_storage.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@
 // bitmaps), hands out a fresh medium at every GetData, and records every
 // SetData exactly as it came (format, medium, release flag).
 #include "common/com_ptr.h"
-#include "support/com_object.h"
+#include "e2e_shared/com_object.h"
 
 #include <windows.h>
 #include <objidl.h>

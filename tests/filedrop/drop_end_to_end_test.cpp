@@ -8,9 +8,9 @@
 
 #include "addin/globals.h"
 #include "dataobject/clipboard_formats.h"
-#include "support/com_object.h"
-#include "support/msg_builder.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/com_object.h"
+#include "e2e_shared/msg_builder.h"
+#include "e2e_shared/outlook_data_object.h"
 #include "support/scratch.h"
 
 #include "drop_check.h"

@@ -12,8 +12,8 @@
 #include "hook/drop_target_tracker.h"
 #include "install/reg_util.h"
 #include "support/environment_switch.h"
-#include "support/msg_builder.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/msg_builder.h"
+#include "e2e_shared/outlook_data_object.h"
 #include "support/scratch.h"
 
 #include "drop_check.h"

@@ -10,7 +10,7 @@
 #include "filedrop/file_drop.h"
 #include "hook/drop_target_tracker.h"
 #include "support/injected_fault.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 
 #include <gtest/gtest.h>
 

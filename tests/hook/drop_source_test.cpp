@@ -8,9 +8,9 @@
 #include "addin/outlook_application.h"
 #include "hook/drop_target_tracker.h"
 #include "items/attachment_item.h"
-#include "support/com_object.h"
+#include "e2e_shared/com_object.h"
 #include "support/injected_fault.h"
-#include "support/outlook_standin.h"
+#include "e2e_shared/outlook_standin.h"
 #include "support/scratch.h"
 
 #include <shellapi.h>

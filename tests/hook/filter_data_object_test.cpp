@@ -10,7 +10,7 @@
 #include "hook/drop_target_tracker.h"
 #include "dataobject/file_data_object.h"
 #include "support/injected_fault.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

@@ -7,7 +7,7 @@
 #include "addin/log.h"
 #include "common/unique_resource.h"
 #include "filedrop/file_drop.h"
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 #include "compound_file_check.h"
 #include "generated_storage.h"
 #include "support/faulty_storage.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 #include "support/scratch.h"
 
 #include <psapi.h>

@@ -1,10 +1,10 @@
 // The MIME converter stand-in, reached the way the add-in reaches Outlook's
 // converter: a real CoCreateInstance of CLSID_KvConverterSession, then
 // MAPIToMIMEStm on a message that is read only through IMessage calls.
-#include "support/com_object.h"
+#include "e2e_shared/com_object.h"
 #include "common/com_ptr.h"
 #include "support/converter_standin.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 
 #include <mapicode.h>
 #include <objbase.h>

@@ -5,7 +5,7 @@
 
 #include "common/strings.h"
 #include "items/property_text.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 
 #include <gtest/gtest.h>
 

@@ -15,8 +15,8 @@
 #include "items/eml_headers.h"
 #include "items/mime_multipart.h"
 #include "items/property_text.h"
-#include "support/msg_builder.h"
-#include "support/outlook_standin.h"
+#include "e2e_shared/msg_builder.h"
+#include "e2e_shared/outlook_standin.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

@@ -1,10 +1,10 @@
 // The fake decryption the Redemption and Outlook stand-ins apply to a .msg
 // file: a copy whose class no longer says S/MIME, everything else as it was.
-#include "support/fake_decryption.h"
+#include "e2e_shared/fake_decryption.h"
 
 #include "items/msg_storage.h"
 #include "items/property_text.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 #include "support/scratch.h"
 
 #include <wrl/client.h>

@@ -1,7 +1,7 @@
 #include "generated_storage.h"
 #include "common/com_ptr.h"
 
-#include "support/com_object.h"
+#include "e2e_shared/com_object.h"
 
 #include <algorithm>
 #include <cstring>

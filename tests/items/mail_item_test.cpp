@@ -8,8 +8,8 @@
 #include "common/strings.h"
 #include "items/file_beside.h"
 #include "support/faulty_storage.h"
-#include "support/msg_builder.h"
-#include "support/outlook_standin.h"
+#include "e2e_shared/msg_builder.h"
+#include "e2e_shared/outlook_standin.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

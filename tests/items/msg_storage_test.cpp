@@ -7,7 +7,7 @@
 #include "items/msg_layout.h"
 #include "items/property_text.h"
 #include "support/faulty_storage.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 #include "support/scratch.h"
 
 #include <wrl/client.h>

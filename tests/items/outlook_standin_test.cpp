@@ -1,7 +1,7 @@
 // The Outlook object-model stand-in, driven through real IDispatch calls as
 // the add-in drives Outlook: names resolved with GetIDsOfNames, then Invoke.
-#include "support/outlook_standin.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/outlook_standin.h"
+#include "e2e_shared/msg_builder.h"
 #include "support/scratch.h"
 
 #include "common/com_variant.h"

@@ -9,9 +9,9 @@
 #include "install/base64.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"
-#include "support/dispatch_standin.h"
+#include "e2e_shared/dispatch_standin.h"
 #include "support/environment_switch.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 #include "support/scratch.h"
 
 #include <wrl/client.h>

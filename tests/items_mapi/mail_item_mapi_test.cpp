@@ -14,8 +14,8 @@
 #include "standins/redemption/redemption_standin.h"
 #include "support/converter_standin.h"
 #include "support/environment_switch.h"
-#include "support/msg_builder.h"
-#include "support/outlook_standin.h"
+#include "e2e_shared/msg_builder.h"
+#include "e2e_shared/outlook_standin.h"
 #include "support/scratch.h"
 #include "standin_mapi.h"
 

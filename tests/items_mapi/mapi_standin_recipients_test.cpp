@@ -3,7 +3,7 @@
 // FreeProws frees them.
 #include "items_mapi/standin_mapi.h"
 
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 
 #include <mapicode.h>
 #include <mapitags.h>

@@ -6,7 +6,7 @@
 #include "common/module_path.h"
 #include "common/strings.h"
 #include "support/environment_switch.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 #include "support/scratch.h"
 
 #include <mapicode.h>

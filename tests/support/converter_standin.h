@@ -5,7 +5,7 @@
 // mail (see converter_mime.h). ConverterRegistration makes the class known
 // to COM for as long as it lives, so the add-in's own CoCreateInstance finds it.
 #include "items/converter_session.h"
-#include "support/com_object.h"
+#include "e2e_shared/com_object.h"
 
 #include <windows.h>
 #include <mapidefs.h>

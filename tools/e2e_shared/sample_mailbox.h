@@ -5,7 +5,7 @@
 // S/MIME mail, HTML and plain bodies, and attachments from 0 bytes to tens of
 // MiB. Entries are what Outlook's data object offers for a selection: mails
 // as storages, attachments as streams.
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 
 #include <string>
 #include <vector>

@@ -4,7 +4,7 @@
 // the callbacks that the XML names through IDispatch, by name.
 #include "addin_loader.h"
 
-#include "support/dispatch_standin.h"
+#include "e2e_shared/dispatch_standin.h"
 
 #include <string>
 #include <vector>

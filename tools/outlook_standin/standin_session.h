@@ -8,8 +8,8 @@
 
 #include "e2e_shared/drop_report.h"
 #include "e2e_shared/standin_result.h"
-#include "support/outlook_data_object.h"
-#include "support/outlook_standin.h"
+#include "e2e_shared/outlook_data_object.h"
+#include "e2e_shared/outlook_standin.h"
 
 #include <memory>
 #include <string>

@@ -7,8 +7,8 @@
 #include "common/unique_resource.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"
-#include "support/dispatch_standin.h"
-#include "support/fake_decryption.h"
+#include "e2e_shared/dispatch_standin.h"
+#include "e2e_shared/fake_decryption.h"
 
 #include <objbase.h>
 

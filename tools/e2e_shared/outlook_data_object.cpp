@@ -1,4 +1,4 @@
-#include "support/outlook_data_object.h"
+#include "e2e_shared/outlook_data_object.h"
 #include "common/com_ptr.h"
 
 #include "dataobject/stg_medium.h"

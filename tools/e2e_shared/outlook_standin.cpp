@@ -1,7 +1,7 @@
-#include "support/outlook_standin.h"
+#include "e2e_shared/outlook_standin.h"
 #include "common/com_ptr.h"
 
-#include "support/fake_decryption.h"
+#include "e2e_shared/fake_decryption.h"
 
 #include <mapicode.h>
 

@@ -1,4 +1,4 @@
-#include "support/msg_builder.h"
+#include "e2e_shared/msg_builder.h"
 
 #include "common/hresult.h"
 #include "common/strings.h"

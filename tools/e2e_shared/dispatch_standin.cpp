@@ -1,4 +1,4 @@
-#include "support/dispatch_standin.h"
+#include "e2e_shared/dispatch_standin.h"
 #include "common/com_ptr.h"
 
 #include "common/strings.h"

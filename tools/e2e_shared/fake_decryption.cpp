@@ -1,4 +1,4 @@
-#include "support/fake_decryption.h"
+#include "e2e_shared/fake_decryption.h"
 
 #include "addin/log.h"
 #include "common/hresult.h"

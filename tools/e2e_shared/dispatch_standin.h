@@ -4,7 +4,7 @@
 // that a test can play an automation server (Outlook's object model, a
 // Redemption session) and afterwards check what the code under test asked for
 // and what it left alone.
-#include "support/com_object.h"
+#include "e2e_shared/com_object.h"
 
 #include <windows.h>
 #include <oaidl.h>

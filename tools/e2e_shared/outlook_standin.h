@@ -5,7 +5,7 @@
 // moved, have their security flags read and set, and be saved decrypted.
 // Every object records the calls it got, so a test can check what the add-in
 // asked Outlook for.
-#include "support/dispatch_standin.h"
+#include "e2e_shared/dispatch_standin.h"
 
 #include <windows.h>
 #include <oaidl.h>

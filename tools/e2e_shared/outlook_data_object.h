@@ -24,8 +24,8 @@
 //   auto object = OutlookDataObject::create({mail, OutlookEntry::attachment(L"a.txt", "abc")});
 //   IDataObject* dataObject = object.Get();
 //   ... object->getDataCalls(L"FileContents") ...
-#include "support/com_object.h"
-#include "support/msg_builder.h"
+#include "e2e_shared/com_object.h"
+#include "e2e_shared/msg_builder.h"
 
 #include <windows.h>
 #include <objidl.h>
