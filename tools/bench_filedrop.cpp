@@ -7,8 +7,8 @@
 //   deleting the same files one by one.
 #include "bench_timing.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "dataobject/clipboard_formats.h"
 #include "dataobject/data_object_writer.h"
 #include "filedrop/cleanup.h"

@@ -9,8 +9,8 @@
 // walked like the executable.
 #include "bench_timing.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "hook/drag_entry.h"
 #include "hook/import_hook.h"
 

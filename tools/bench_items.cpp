@@ -5,8 +5,8 @@
 // `make bench` does, so mails are read from their storage.
 #include "bench_timing.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "items/attachment_item.h"
 #include "items/mail_item.h"

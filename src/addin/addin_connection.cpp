@@ -4,10 +4,10 @@
 #include "addin/kv_drag_drop_addin.h"
 
 #include "addin/delayed_drag_drop_start.h"
-#include "addin/exception_barrier.h"
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/exception_barrier.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "hook/import_hook.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #include "addin/class_factory.h"
 
 #include "addin/com_module.h"
-#include "addin/exception_barrier.h"
+#include "core/exception_barrier.h"
 #include "addin/kv_drag_drop_addin.h"
 
 #include <new>

@@ -2,7 +2,7 @@
 
 #include "addin/class_factory.h"
 #include "addin/gdiplus_session.h"
-#include "addin/log.h"
+#include "core/log.h"
 #include "korvane_h.h"
 
 namespace {

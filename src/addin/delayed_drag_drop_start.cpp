@@ -1,7 +1,7 @@
 #include "addin/delayed_drag_drop_start.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "hook/import_hook.h"
 

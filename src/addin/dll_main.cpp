@@ -6,8 +6,8 @@
 #include <olectl.h>
 
 #include "addin/com_module.h"
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "common/strings.h"
 #include "install/installation.h"
 

@@ -1,6 +1,6 @@
 #include "addin/gdiplus_session.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <objidl.h>
 #include <gdiplus.h>

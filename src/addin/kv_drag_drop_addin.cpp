@@ -3,7 +3,7 @@
 #include "addin/kv_drag_drop_addin.h"
 
 #include "addin/com_module.h"
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <new>
 

@@ -1,6 +1,6 @@
 #include "addin/ribbon_callback_dispatch.h"
 
-#include "addin/exception_barrier.h"
+#include "core/exception_barrier.h"
 #include "addin/type_library.h"
 #include "common/com_variant.h"
 #include "common/hresult.h"

@@ -4,9 +4,9 @@
 // for an action (nothing changed) and a failure for a question (no answer).
 #include "addin/kv_drag_drop_addin.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "common/com_variant.h"
 
 #include <algorithm>

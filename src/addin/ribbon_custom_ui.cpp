@@ -1,10 +1,10 @@
 // IRibbonExtensibility: the ribbon XML for Outlook's explorer window.
 #include "addin/kv_drag_drop_addin.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/exception_barrier.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "addin/ribbon_xml.h"
 #include "common/com_variant.h"
 

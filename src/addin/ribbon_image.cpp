@@ -1,12 +1,12 @@
 #include "addin/ribbon_image.h"
 
 #include "addin/gdiplus_session.h"
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/com_variant.h"
 #include "common/module_path.h"
 #include "common/strings.h"
-#include "install/base64.h"
-#include "install/reg_util.h"
+#include "core/base64.h"
+#include "core/reg_util.h"
 
 #include <objidl.h>
 #include <olectl.h>

@@ -1,6 +1,6 @@
 #include "addin/ribbon_xml.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "addin/ribbon_image.h"
 #include "common/module_path.h"
 #include "common/strings.h"

@@ -1,6 +1,6 @@
 #include "addin/type_library.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/hresult.h"
 #include "common/module_path.h"
 

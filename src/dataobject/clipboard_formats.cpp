@@ -1,6 +1,6 @@
 #include "dataobject/clipboard_formats.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 namespace {
 

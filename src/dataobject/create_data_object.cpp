@@ -2,13 +2,13 @@
 // Outlook's own object behind the filtering wrapper.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/com_ptr.h"
 #include "dataobject/file_data_object.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/item_id_list.h"
 #include "dataobject/shell_data_object.h"
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 
 #include <new>
 

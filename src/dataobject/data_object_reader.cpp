@@ -2,7 +2,7 @@
 // for a stored message, an attachment for a plain stream.
 #include "dataobject/data_object_reader.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"
 #include "dataobject/stg_medium.h"

@@ -1,7 +1,7 @@
 // Plain Unicode text on a data object: reading it, setting it, passing it on.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"
 #include "dataobject/stg_medium.h"

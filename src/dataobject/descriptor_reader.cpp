@@ -2,7 +2,7 @@
 // safe paths it names.
 #include "dataobject/data_object_reader.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/descriptor_block.h"
 #include "dataobject/file_names.h"
 #include "dataobject/format_etc.h"

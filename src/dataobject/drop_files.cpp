@@ -1,7 +1,7 @@
 // CF_HDROP: the DROPFILES block that names the files of a drag.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/global_memory.h"
 
 #include <shlobj.h>

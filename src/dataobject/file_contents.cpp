@@ -2,7 +2,7 @@
 // as a compound-file storage: toolkit conversions beside the drag flow.
 #include "dataobject/data_object_reader.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"
 #include "dataobject/stg_medium.h"

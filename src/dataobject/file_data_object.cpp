@@ -1,12 +1,12 @@
 #include "dataobject/file_data_object.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "dataobject/com_interface.h"
 #include "dataobject/file_name_blocks.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/stg_medium.h"
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 
 #include <new>
 #include <utility>

@@ -2,7 +2,7 @@
 // a target that reads descriptors sees the same names as in CF_HDROP.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"
 

@@ -2,7 +2,7 @@
 // "FileContents", and SetHGLOBAL, the one-format setter they share.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/file_name_blocks.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"

@@ -1,6 +1,6 @@
 #include "dataobject/file_names.h"
 
-#include "addin/log_line.h"
+#include "core/log_line.h"
 
 #include <algorithm>
 #include <atomic>

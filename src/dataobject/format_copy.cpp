@@ -1,7 +1,7 @@
 // Copying every format, or one, from one data object to another.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/stg_medium.h"
 

@@ -2,7 +2,7 @@
 // clipboard formats.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 
 #include <iterator>

@@ -1,6 +1,6 @@
 #include "dataobject/item_id_list.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "dataobject/shell_data_object.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <wrl/client.h>
 

@@ -2,7 +2,7 @@
 // files' lists relative to it.
 #include "dataobject/data_object_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"
 #include "dataobject/item_id_list.h"

@@ -1,8 +1,8 @@
 #include "filedrop/cleanup.h"
 
-#include "addin/globals.h"
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 
 #include <chrono>

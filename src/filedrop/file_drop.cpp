@@ -2,8 +2,8 @@
 // turns Outlook's data object into one that carries real files.
 #include "filedrop/file_drop.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "dataobject/clipboard_formats.h"
 #include "dataobject/data_object_reader.h"
 #include "dataobject/data_object_writer.h"

@@ -2,7 +2,7 @@
 // the received date, read through Outlook's object model.
 #include "filedrop/file_drop.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/com_variant.h"
 #include "common/strings.h"
 

@@ -2,7 +2,7 @@
 #include "filedrop/file_drop.h"
 #include "filedrop/file_drop_state.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 namespace FileDrop {
 

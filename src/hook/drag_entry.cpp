@@ -7,11 +7,11 @@
 #include "hook/drag_entry.h"
 #include "common/com_ptr.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "filedrop/file_drop.h"
 #include "hook/drop_source.h"
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 
 #include <wrl/client.h>
 

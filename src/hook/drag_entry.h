@@ -3,7 +3,7 @@
 // slots lead to, and the true functions they call.
 #include <ole2.h>
 
-#include "addin/globals.h"
+#include "core/globals.h"
 
 #include <type_traits>
 

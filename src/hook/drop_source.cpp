@@ -1,11 +1,11 @@
 #include "hook/drop_source.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/exception_barrier.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "common/com_variant.h"
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 
 #include <shellapi.h>
 

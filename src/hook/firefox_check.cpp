@@ -2,7 +2,7 @@
 // the drag is still going on, so they have to be written when it begins.
 #include "hook/drag_entry.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 
 #include <psapi.h>

@@ -3,9 +3,9 @@
 // clipboard copies on Outlook's behalf.
 #include "hook/import_hook.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "filedrop/file_drop.h"
 #include "hook/drag_entry.h"
 

@@ -4,7 +4,7 @@
 // result code and left alone.
 #include "hook/import_hook.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "hook/pe_imports.h"
 

@@ -4,7 +4,7 @@
 // past the image, and a walk that leaves the image stops with an error line.
 #include "hook/pe_imports.h"
 
-#include "addin/log_line.h"
+#include "core/log_line.h"
 
 #include <cstring>
 

@@ -4,7 +4,7 @@
 // pointed elsewhere (by us, or by another add-in before us).
 #include "hook/drag_entry.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 namespace {
 

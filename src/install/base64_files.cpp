@@ -3,10 +3,10 @@
 #include <windows.h>
 
 #include "install/base64_files.h"
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
-#include "install/base64.h"
+#include "core/base64.h"
 
 #include <optional>
 #include <string>

@@ -1,10 +1,10 @@
 #include "install/com_registration.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/unique_resource.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 #include "korvane_h.h"
 
 #include <olectl.h>

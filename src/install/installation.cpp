@@ -1,8 +1,8 @@
 #include "install/installation.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "install/reg_util.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/reg_util.h"
 
 #include <olectl.h>
 

@@ -3,9 +3,9 @@
 // Each opens the add-in's log for its run and hands over to the installation.
 #include <windows.h>
 
-#include "addin/exception_barrier.h"
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "install/installation.h"
 #include "install/installer_entry_points.h"
 #include "install/msi_session.h"

@@ -1,6 +1,6 @@
 #include "items/attachment_item.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "items/file_beside.h"
 #include "items/stream_copy.h"

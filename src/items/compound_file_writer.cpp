@@ -1,6 +1,6 @@
 #include "items/compound_file_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/hresult.h"
 #include "items/compound_file_format.h"
 #include "items/compound_file_sink.h"

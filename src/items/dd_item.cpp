@@ -1,6 +1,6 @@
 #include "items/dd_item.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/strings.h"
 
 #include <sstream>

@@ -1,7 +1,7 @@
 #include "items/decrypt_mail.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "common/com_variant.h"
 #include "common/module_path.h"
 #include "items/outlook_objects.h"

@@ -1,6 +1,6 @@
 #include "items/eml_headers.h"
 
-#include "addin/log_line.h"
+#include "core/log_line.h"
 #include "items/ascii_text.h"
 #include "items/mail_address_header.h"
 

@@ -1,6 +1,6 @@
 #include "items/eml_message.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/strings.h"
 #include "items/ascii_text.h"
 #include "items/flat_entry_list.h"

@@ -1,6 +1,6 @@
 #include "items/eml_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/hresult.h"
 #include "common/strings.h"
 #include "items/mime_body_encoding.h"

@@ -1,6 +1,6 @@
 #include "items/exchange_address.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/com_variant.h"
 #include "items/outlook_objects.h"
 

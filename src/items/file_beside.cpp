@@ -1,6 +1,6 @@
 #include "items/file_beside.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 
 #include <shlwapi.h>

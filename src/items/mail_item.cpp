@@ -1,8 +1,9 @@
 #include "items/mail_item.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/globals.h"
+#include "items/decrypt_mail.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "items/exchange_address.h"
 #include "items/file_beside.h"
 #include "items/mapi_library.h"
@@ -218,8 +219,8 @@ HRESULT MailItem::save()
         if (SUCCEEDED(hr)) {
             KV_DEBUG(logger) << "call decryptMailItem";
             hr = writeBesideThenMove(decryptedFileName, [&](const std::wstring& beside) {
-                return settings_.decryptMail().decryptMailItem(settings_.getDecryptWithRedemption(),
-                                                               outlookApplication().Get(), encryptedFileName, beside);
+                return DecryptMail(settings_).decryptMailItem(settings_.getDecryptWithRedemption(),
+                                                              outlookApplication().Get(), encryptedFileName, beside);
             });
         }
         if (FAILED(hr)) {

@@ -2,9 +2,10 @@
 // .eml through Redemption, Outlook's MIME converter or Korvane's own writer.
 #include "items/mail_item.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/globals.h"
+#include "items/decrypt_mail.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "common/com_variant.h"
 #include "common/hresult.h"
 #include "common/strings.h"
@@ -122,10 +123,11 @@ HRESULT MailItem::saveAsEml(const std::wstring& msgFileName)
 
 HRESULT MailItem::saveAsEmlWithRedemption(const std::wstring& msgFileName, int format)
 {
-    auto session = settings_.decryptMail().newRedemptionSession();
+    DecryptMail redemption(settings_);
+    auto session = redemption.newRedemptionSession();
     if (!session)
         return E_FAIL;
-    HRESULT hr = settings_.decryptMail().attachOutlookSession(session.Get(), outlookApplication().Get());
+    HRESULT hr = redemption.attachOutlookSession(session.Get(), outlookApplication().Get());
     if (FAILED(hr))
         return hr;
 

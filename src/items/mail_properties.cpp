@@ -1,6 +1,6 @@
 #include "items/mail_properties.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"
 

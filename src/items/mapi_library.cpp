@@ -1,6 +1,6 @@
 #include "items/mapi_library.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <mapiutil.h>
 

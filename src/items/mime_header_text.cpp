@@ -1,8 +1,8 @@
 #include "items/mime_header_text.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/strings.h"
-#include "install/base64.h"
+#include "core/base64.h"
 
 #include <cstdio>
 

@@ -1,6 +1,6 @@
 #include "items/mime_multipart.h"
 
-#include "addin/log_line.h"
+#include "core/log_line.h"
 #include "common/strings.h"
 #include "items/ascii_text.h"
 

@@ -1,6 +1,6 @@
 #include "items/msg_properties_stream.h"
 
-#include "addin/log_line.h"
+#include "core/log_line.h"
 #include "items/msg_layout.h"
 
 #include <cstring>

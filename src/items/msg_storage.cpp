@@ -1,6 +1,6 @@
 #include "items/msg_storage.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "items/msg_layout.h"
 #include "items/msg_properties_stream.h"
 #include "items/property_text.h"

@@ -1,9 +1,9 @@
 #include "addin_host.h"
 
-#include "addin/globals.h"
+#include "core/globals.h"
 #include "common/com_variant.h"
 #include "common/module_path.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
 #include <gtest/gtest.h>
 

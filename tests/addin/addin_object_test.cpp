@@ -5,7 +5,7 @@
 
 #include "addin/class_factory.h"
 #include "addin/delayed_drag_drop_start.h"
-#include "addin/log.h"
+#include "core/log.h"
 #include "addin/kv_drag_drop_addin.h"
 #include "common/com_variant.h"
 #include "install/base64_files.h"

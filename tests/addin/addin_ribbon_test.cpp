@@ -4,8 +4,8 @@
 #include "addin_host.h"
 
 #include "common/com_variant.h"
-#include "install/base64.h"
-#include "install/reg_util.h"
+#include "core/base64.h"
+#include "core/reg_util.h"
 #include "e2e_shared/outlook_standin.h"
 
 #include <objidl.h>

@@ -1,8 +1,8 @@
 // install.cfg beside the add-in and the installer's parameter string.
-#include "addin/globals.h"
+#include "core/globals.h"
 
-#include "addin/log.h"
-#include "install/reg_util.h"
+#include "core/log.h"
+#include "core/reg_util.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // The log's start-up configuration from the per-user settings key.
-#include "addin/log.h"
+#include "core/log.h"
 
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

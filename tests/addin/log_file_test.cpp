@@ -1,5 +1,5 @@
 // The log file as a file: levels, opening modes, threads, unusable paths.
-#include "addin/log.h"
+#include "core/log.h"
 
 #include "common/unique_resource.h"
 #include "support/scratch.h"

@@ -1,5 +1,5 @@
 // How a line looks in the file: its frame, its logger prefix and its bytes.
-#include "addin/log.h"
+#include "core/log.h"
 
 #include "support/scratch.h"
 

@@ -1,5 +1,5 @@
 // Texts from resource_<language>.txt beside the add-in file, with their fallbacks.
-#include "addin/resource_bundle.h"
+#include "core/resource_bundle.h"
 
 #include "support/scratch.h"
 

@@ -1,7 +1,7 @@
 // Settings in the registry: per-user place, machine place, defaults, migration.
-#include "addin/globals.h"
+#include "core/globals.h"
 
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // under their exact names, and the ones that matter are logged with their ids.
 #include "dataobject/clipboard_formats.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

@@ -7,7 +7,7 @@
 #include "block_readers.h"
 #include "test_data_object.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/clipboard_formats.h"
 #include "dataobject/global_memory.h"
 #include "dataobject/item_id_list.h"

@@ -3,7 +3,7 @@
 // from its "FileContents".
 #include "reader_fixture.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "items/attachment_item.h"
 #include "items/mail_item.h"
 

@@ -3,7 +3,7 @@
 // with every header byte kept.
 #include "dataobject/descriptor_block.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "support/scratch.h"
 
 #include <windows.h>

@@ -4,7 +4,7 @@
 #include "reader_fixture.h"
 #include "common/com_ptr.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <shlwapi.h>
 

@@ -9,7 +9,7 @@
 #include "dataobject/clipboard_formats.h"
 #include "dataobject/global_memory.h"
 #include "dataobject/item_id_list.h"
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>

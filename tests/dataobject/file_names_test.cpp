@@ -3,7 +3,7 @@
 // the plain retry loop.
 #include "dataobject/file_names.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/data_object_reader.h"
 #include "support/scratch.h"
 

@@ -3,7 +3,7 @@
 
 #include "test_data_object.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/clipboard_formats.h"
 #include "support/scratch.h"
 

@@ -3,7 +3,7 @@
 // The reader reads only what is there, keeps what it made, and says why.
 #include "reader_fixture.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/file_names.h"
 #include "items/attachment_item.h"
 #include "items/mail_item.h"

@@ -4,7 +4,7 @@
 // what came back.
 #include "block_readers.h"
 
-#include "addin/globals.h"
+#include "core/globals.h"
 #include "dataobject/clipboard_formats.h"
 #include "dataobject/data_object_reader.h"
 #include "dataobject/global_memory.h"

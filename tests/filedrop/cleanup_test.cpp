@@ -2,10 +2,10 @@
 // set into the past, the read-only bit, and stopping the worker.
 #include "filedrop/cleanup.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
+#include "core/globals.h"
+#include "core/log.h"
 #include "common/strings.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 #include "support/injected_fault.h"
 #include "support/scratch.h"
 

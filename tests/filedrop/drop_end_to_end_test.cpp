@@ -6,7 +6,7 @@
 #include "filedrop/file_drop_state.h"
 #include "hook/drop_source.h"
 
-#include "addin/globals.h"
+#include "core/globals.h"
 #include "dataobject/clipboard_formats.h"
 #include "e2e_shared/com_object.h"
 #include "e2e_shared/msg_builder.h"

@@ -3,7 +3,7 @@
 #include "filedrop/file_drop.h"
 #include "filedrop/file_drop_state.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/strings.h"
 #include "dataobject/clipboard_formats.h"
 #include "support/environment_switch.h"

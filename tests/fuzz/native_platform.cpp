@@ -3,7 +3,7 @@
 // (common/strings_system.cpp). Lines at KORVANE_FUZZ_LOG_LEVEL and above
 // (1 = DEBUG, the default) are built and then dropped, so the log statements
 // on the paths fuzzed run too.
-#include "addin/log_line.h"
+#include "core/log_line.h"
 #include "common/strings.h"
 
 #include <clocale>

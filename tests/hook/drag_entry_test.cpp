@@ -6,9 +6,9 @@
 
 #include "hook_test_support.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "filedrop/file_drop.h"
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 #include "support/injected_fault.h"
 #include "e2e_shared/outlook_data_object.h"
 

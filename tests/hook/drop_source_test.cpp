@@ -4,9 +4,9 @@
 #include "hook/drop_source.h"
 #include "common/com_ptr.h"
 
-#include "addin/log.h"
-#include "addin/outlook_application.h"
-#include "hook/drop_target_tracker.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
+#include "dataobject/drop_target_tracker.h"
 #include "items/attachment_item.h"
 #include "e2e_shared/com_object.h"
 #include "support/injected_fault.h"

@@ -1,9 +1,9 @@
 // The drop-target tracker: which program's window is under the cursor, and
 // the effect rules that depend on it. The window tests need a display (the
 // test run has one); without it they are skipped.
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "support/scratch.h"
 

@@ -1,13 +1,13 @@
 // The filtering wrapper around Outlook's data object: hidden formats, its own
 // text, and no text for the SAP logon pad.
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 
 #include "dataobject/test_data_object.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/com_ptr.h"
 #include "dataobject/clipboard_formats.h"
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 #include "dataobject/file_data_object.h"
 #include "support/injected_fault.h"
 #include "e2e_shared/outlook_data_object.h"

@@ -4,7 +4,7 @@
 
 #include "hook_test_support.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "filedrop/file_drop.h"
 #include "e2e_shared/outlook_data_object.h"

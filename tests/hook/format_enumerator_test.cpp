@@ -1,5 +1,5 @@
 // MyEnumFORMATETC: Next, Skip, Reset and Clone as IEnumFORMATETC requires.
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 
 #include "common/com_ptr.h"
 

@@ -5,7 +5,7 @@
 
 #include "hook_test_support.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/strings.h"
 #include "filedrop/file_drop_state.h"

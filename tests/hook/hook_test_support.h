@@ -2,7 +2,7 @@
 // What the import-hook and entry-flow tests share: settings of their own for
 // the hooks, a recording stand-in for the true DoDragDrop, the program's own
 // import slots, and the probe modules built beside the test program.
-#include "addin/globals.h"
+#include "core/globals.h"
 #include "hook/drag_entry.h"
 #include "support/scratch.h"
 

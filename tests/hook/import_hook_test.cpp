@@ -6,7 +6,7 @@
 
 #include "hook_test_support.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/strings.h"
 

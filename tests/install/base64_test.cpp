@@ -1,5 +1,5 @@
 // Base64 text and the exported file tools of the DLL.
-#include "install/base64.h"
+#include "core/base64.h"
 
 #include "support/scratch.h"
 

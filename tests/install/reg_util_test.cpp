@@ -1,5 +1,5 @@
 // Key paths, reading with the unnamed-then-named rule, writing, deleting.
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
 #include "support/registry_snapshot.h"
 #include "support/scratch.h"

@@ -1,7 +1,7 @@
 // The 32/64-bit registry views and Outlook's bitness from the Office keys.
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/strings.h"
 #include "support/registry_snapshot.h"
 #include "support/scratch.h"

@@ -2,7 +2,7 @@
 #include "items/attachment_item.h"
 #include "common/com_ptr.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "support/scratch.h"
 

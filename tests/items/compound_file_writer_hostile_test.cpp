@@ -4,7 +4,7 @@
 // partial file under the target name nor touches a file already there.
 #include "items/compound_file_writer.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "compound_file_check.h"
 #include "generated_storage.h"
 #include "support/faulty_storage.h"

@@ -1,9 +1,9 @@
 // Decrypting an S/MIME mail through Redemption beside the add-in, or Outlook.
 #include "items/decrypt_mail.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "items/mail_item.h"
 #include "standins/redemption/redemption_standin.h"
 #include "support/environment_switch.h"
@@ -113,8 +113,8 @@ TEST_F(Decryption, RedemptionIsLoadedOnlyFromTheAddinsFolder)
     wchar_t previous[MAX_PATH + 1] = {};
     GetCurrentDirectoryW(MAX_PATH, previous);
     SetCurrentDirectoryW(elsewhere.path().c_str());
-    EXPECT_EQ(settings.decryptMail().loadRedemption(), nullptr);
-    EXPECT_FALSE(settings.decryptMail().newRedemptionSession());
+    EXPECT_EQ(DecryptMail(settings).loadRedemption(), nullptr);
+    EXPECT_FALSE(DecryptMail(settings).newRedemptionSession());
     SetCurrentDirectoryW(previous);
     EXPECT_FALSE(loaded(elsewhere.file(redemptionFileName())));
 }
@@ -135,7 +135,7 @@ TEST_F(Decryption, BothWaysFailingGivesOutlooksError)
 TEST_F(Decryption, NoticeTextsComeFromTheBundle)
 {
     writeBytes(folder.file(L"resource_en.txt"), "notifyDecryptionFailed = Could not decrypt\nnotifyErrorTitle = Oops\n");
-    EXPECT_EQ(settings.decryptMail().notifyDecryptionFailed(), L"Could not decrypt");
-    EXPECT_EQ(settings.decryptMail().notifyErrorTitle(), L"Oops");
+    EXPECT_EQ(DecryptMail(settings).notifyDecryptionFailed(), L"Could not decrypt");
+    EXPECT_EQ(DecryptMail(settings).notifyErrorTitle(), L"Oops");
 }
 

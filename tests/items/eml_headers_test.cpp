@@ -2,7 +2,7 @@
 // what is deliberately left alone, and header blocks no converter would write.
 #include "items/eml_headers.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "support/scratch.h"
 
 #include <string>

@@ -1,7 +1,7 @@
 #include "eml_inspection.h"
 
 #include "items/ascii_text.h"
-#include "install/base64.h"
+#include "core/base64.h"
 
 #include <map>
 

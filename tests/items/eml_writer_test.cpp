@@ -6,12 +6,12 @@
 // package and compared with msgconvert's (tests/items/check_eml.py).
 #include "items/mail_item.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "common/strings.h"
 #include "eml_inspection.h"
-#include "install/base64.h"
+#include "core/base64.h"
 #include "items/eml_headers.h"
 #include "items/mime_multipart.h"
 #include "items/property_text.h"

@@ -2,7 +2,7 @@
 // converter would write: the scanner has to end, and end sensibly, on anything.
 #include "items/mail_address_header.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "support/scratch.h"
 
 #include <chrono>

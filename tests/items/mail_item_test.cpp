@@ -2,9 +2,9 @@
 // properties come straight from the .msg storage, the .msg is a copy of it.
 #include "items/mail_item.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "common/strings.h"
 #include "items/file_beside.h"
 #include "support/faulty_storage.h"

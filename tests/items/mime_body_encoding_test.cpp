@@ -2,7 +2,7 @@
 #include "items/mime_body_encoding.h"
 
 #include "eml_inspection.h"
-#include "install/base64.h"
+#include "core/base64.h"
 
 #include <wrl/client.h>
 

@@ -3,7 +3,7 @@
 // page, so a single byte read past their end ends the test program.
 #include "items/mime_multipart.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "support/scratch.h"
 
 #include <windows.h>

@@ -3,7 +3,7 @@
 // clear result and a log line instead of a crash or an over-read.
 #include "items/msg_storage.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "items/msg_layout.h"
 #include "items/property_text.h"
 #include "support/faulty_storage.h"

@@ -6,7 +6,7 @@
 #include "common/com_variant.h"
 #include "common/strings.h"
 #include "common/unique_resource.h"
-#include "install/base64.h"
+#include "core/base64.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"
 #include "e2e_shared/dispatch_standin.h"

@@ -4,9 +4,9 @@
 // without one, by Korvane's own writer.
 #include "items/mail_item.h"
 
-#include "addin/globals.h"
-#include "addin/log.h"
-#include "addin/outlook_application.h"
+#include "core/globals.h"
+#include "core/log.h"
+#include "core/outlook_application.h"
 #include "items/eml_headers.h"
 #include "items/mapi_library.h"
 #include "items/msg_storage.h"

@@ -1,7 +1,7 @@
 #include "support/converter_mime.h"
 
 #include "common/strings.h"
-#include "install/base64.h"
+#include "core/base64.h"
 #include "items/converter_session.h"
 
 #include <cstdio>

@@ -1,7 +1,7 @@
 #pragma once
 // Arms the barriers' test seam for as long as it lives: the code that passes
 // the named point throws, as if a step inside had failed.
-#include "addin/exception_barrier.h"
+#include "core/exception_barrier.h"
 
 class InjectedFault {
 public:

@@ -1,10 +1,10 @@
 #include "support/scratch.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/text_file.h"
 #include "common/unique_resource.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,6 +1,6 @@
 #include "e2e_shared/fake_decryption.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/hresult.h"
 #include "items/msg_layout.h"
 #include "items/property_text.h"

@@ -1,5 +1,5 @@
 // Base64 text from a file or the registry; whatever decodes must encode back.
-#include "install/base64.h"
+#include "core/base64.h"
 
 #include <cstdlib>
 

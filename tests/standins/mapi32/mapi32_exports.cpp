@@ -4,7 +4,7 @@
 #include "mapi_allocation.h"
 #include "message_on_storage.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <mapicode.h>
 #include <mapiutil.h>

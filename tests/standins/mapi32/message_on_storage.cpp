@@ -5,7 +5,7 @@
 #include "property_values.h"
 #include "recipient_table.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/hresult.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"

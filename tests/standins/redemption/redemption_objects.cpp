@@ -3,7 +3,7 @@
 #include "redemption_standin.h"
 #include "rfc822_text.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"

@@ -1,7 +1,7 @@
 #include "rfc822_text.h"
 
 #include "common/strings.h"
-#include "install/base64.h"
+#include "core/base64.h"
 #include "items/property_text.h"
 
 #include <windows.h>

@@ -1,7 +1,7 @@
-#include "addin/log.h"
+#include "core/log.h"
 
 #include "common/strings.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
 #include <cwctype>
 

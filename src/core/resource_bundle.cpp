@@ -1,6 +1,6 @@
-#include "addin/resource_bundle.h"
+#include "core/resource_bundle.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/text_file.h"
 

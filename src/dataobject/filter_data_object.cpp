@@ -1,15 +1,15 @@
 // MyDataObjectFilterFormat: Outlook's data object with some formats hidden
 // and plain text of its own.
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 
-#include "addin/exception_barrier.h"
-#include "addin/log.h"
+#include "core/exception_barrier.h"
+#include "core/log.h"
 #include "dataobject/com_interface.h"
 #include "common/strings.h"
 #include "dataobject/data_object_writer.h"
 #include "dataobject/format_etc.h"
 #include "dataobject/global_memory.h"
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 
 #include <new>
 

@@ -1,4 +1,4 @@
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <ctime>
 #include <iomanip>

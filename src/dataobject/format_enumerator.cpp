@@ -1,7 +1,7 @@
 // MyEnumFORMATETC: the formats that passed the filter, handed out in order.
-#include "hook/filter_data_object.h"
+#include "dataobject/filter_data_object.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "dataobject/com_interface.h"
 #include "dataobject/format_etc.h"
 

@@ -1,6 +1,6 @@
-#include "addin/exception_barrier.h"
+#include "core/exception_barrier.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 
 #include <atomic>
 #include <cstring>

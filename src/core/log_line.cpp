@@ -1,4 +1,4 @@
-#include "addin/log_line.h"
+#include "core/log_line.h"
 
 LogLine::LogLine(int level, const char* loggerName, int lineNumber) : level_(level)
 {

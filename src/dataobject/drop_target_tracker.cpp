@@ -1,8 +1,8 @@
 // Follows the window under the cursor during a drag, to know which program
 // the drop goes into.
-#include "hook/drop_target_tracker.h"
+#include "dataobject/drop_target_tracker.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 
 #include <oleidl.h>

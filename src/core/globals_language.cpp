@@ -1,7 +1,7 @@
 // Which language the user sees, and the add-in's own version.
-#include "addin/globals.h"
+#include "core/globals.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/com_variant.h"
 #include "common/module_path.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 // The trace log's file: one per process, which every LogLine (log_line.h)
 // is written to.
-#include "addin/log_line.h"
+#include "core/log_line.h"
 
 #include <windows.h>
 

@@ -1,4 +1,4 @@
-#include "addin/outlook_application.h"
+#include "core/outlook_application.h"
 
 #include <mutex>
 

@@ -1,4 +1,4 @@
-#include "install/base64.h"
+#include "core/base64.h"
 
 namespace {
 

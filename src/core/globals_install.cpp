@@ -1,12 +1,12 @@
 // Installation options: install.cfg beside the add-in file, then the
 // installer's parameter string.
-#include "addin/globals.h"
+#include "core/globals.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/strings.h"
 #include "common/text_file.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
 #include <vector>
 

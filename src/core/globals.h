@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "addin/resource_bundle.h"
-#include "items/decrypt_mail.h"
+#include "core/resource_bundle.h"
 
 class Globals {
 public:
@@ -109,8 +108,6 @@ public:
     void setModule(HMODULE module) { module_ = module; }
     HMODULE module() const { return module_; }
 
-    DecryptMail& decryptMail() { return decryptMail_; }
-
 private:
     void loadFromRegistry();
     std::wstring readUserThenMachine(const std::wstring& name) const;
@@ -127,7 +124,6 @@ private:
     mutable std::shared_ptr<ResourceBundle> resourceBundle_;
     mutable std::mutex resourceBundleLock_;
     HMODULE module_ = nullptr;
-    DecryptMail decryptMail_{*this};
 };
 
 // The fields of the installer's parameter string: one leading and one

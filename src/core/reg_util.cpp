@@ -1,6 +1,6 @@
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/unique_resource.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
-#include "addin/globals.h"
+#include "core/globals.h"
 
-#include "addin/log.h"
+#include "core/log.h"
 #include "common/module_path.h"
 #include "common/strings.h"
-#include "install/reg_util.h"
+#include "core/reg_util.h"
 
 namespace {
 
