@@ -8,6 +8,7 @@
 
 #include <windows.h>
 #include <ole2.h>
+#include <wrl/client.h>
 
 #include <functional>
 #include <memory>
