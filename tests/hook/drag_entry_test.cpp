@@ -155,16 +155,17 @@ TEST_F(DragEntry, OutlooksOwnDragRunsWhenTheAddinStandsAside)
         bool locked, brokenContents, onlyCopy;
         const char* fault;
         bool outlooksObjects;
-        DWORD told; // the target reports a move into another program
+        DWORD reported, told; // by the target in another program, to Outlook
     };
     const Case cases[] = {
-        {"Locked", true, false, false, nullptr, true, DROPEFFECT_MOVE},
-        {"no files can be made", false, true, false, nullptr, true, DROPEFFECT_MOVE},
-        {"an exception before the drag", false, false, false, "MyDoDragDrop", true, DROPEFFECT_MOVE},
-        {"an exception before a copy-only drag", false, false, true, "MyDoDragDrop", true, DROPEFFECT_MOVE},
-        {"an exception after the drag: its answer stands", false, false, false, "MyDoDragDrop after the drag", false,
+        {"Locked", true, false, false, nullptr, true, DROPEFFECT_MOVE, DROPEFFECT_MOVE},
+        {"no files can be made", false, true, false, nullptr, true, DROPEFFECT_MOVE, DROPEFFECT_MOVE},
+        {"an exception before the drag", false, false, false, "MyDoDragDrop", true, DROPEFFECT_MOVE, DROPEFFECT_MOVE},
+        {"an exception before a copy-only drag", false, false, true, "MyDoDragDrop", true, DROPEFFECT_MOVE,
          DROPEFFECT_MOVE},
-        {"copy only, taken part", false, false, true, nullptr, false, DROPEFFECT_COPY},
+        {"an exception after the drag", false, false, false, "MyDoDragDrop after the drag", false, DROPEFFECT_COPY,
+         DROPEFFECT_COPY},
+        {"copy only, taken part", false, false, true, nullptr, false, DROPEFFECT_MOVE, DROPEFFECT_COPY},
     };
     for (const Case& c : cases) {
         settings.setLocked(c.locked);
@@ -175,7 +176,7 @@ TEST_F(DragEntry, OutlooksOwnDragRunsWhenTheAddinStandsAside)
         std::optional<InjectedFault> fault;
         if (c.fault)
             fault.emplace(c.fault);
-        RecordedDoDragDrop recorded(dropWith(0, DROPEFFECT_MOVE));
+        RecordedDoDragDrop recorded(dropWith(0, c.reported));
         DWORD effect = 0;
         const DWORD allowed = DROPEFFECT_COPY | DROPEFFECT_MOVE;
         const HRESULT hr = c.onlyCopy ? MyDoDragDropOnlyCopyAllowed(outlook.Get(), outlookDropSource.Get(), allowed, &effect)
