@@ -1,229 +1,101 @@
-// The filtering wrapper around Outlook's data object: hidden formats, its own
-// text, and no text for the SAP logon pad.
+// The filtering wrapper around Outlook's data object (hidden formats, text
+// only its own and none for the SAP logon pad; its own text itself is read
+// with the whole data object in dataobject_tests) and the enumerator of what
+// passes.
 #include "dataobject/filter_data_object.h"
 
-#include "dataobject/test_data_object.h"
+#include "hook_fixture.h"
 
-#include "core/log.h"
-#include "common/com_ptr.h"
 #include "dataobject/clipboard_formats.h"
-#include "dataobject/drop_target_tracker.h"
 #include "dataobject/file_data_object.h"
-#include "support/injected_fault.h"
+#include "dataobject/format_etc.h"
+#include "dataobject/drop_target_tracker.h"
 #include "e2e_shared/outlook_data_object.h"
-#include "support/scratch.h"
+#include "support/injected_fault.h"
 
-#include <gtest/gtest.h>
-
-#include <functional>
 #include <set>
 
 namespace {
 
 using Microsoft::WRL::ComPtr;
 
-HRESULT query(IDataObject* object, CLIPFORMAT format, DWORD tymed = TYMED_HGLOBAL)
+// GetData's bytes, or nothing when it fails.
+std::optional<std::string> fetch(IDataObject* object, CLIPFORMAT format)
 {
-    FORMATETC formatEtc{format, nullptr, DVASPECT_CONTENT, -1, tymed};
-    return object->QueryGetData(&formatEtc);
-}
-
-// GetData's answer and, on success, the block's bytes.
-std::pair<HRESULT, std::string> fetch(IDataObject* object, CLIPFORMAT format)
-{
-    FORMATETC formatEtc{format, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+    FORMATETC request{format, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
     STGMEDIUM medium{};
-    const HRESULT hr = object->GetData(&formatEtc, &medium);
-    if (FAILED(hr))
-        return {hr, std::string()};
-    std::string bytes = TestDataObject::bytesOf(medium.hGlobal);
+    if (FAILED(object->GetData(&request, &medium)))
+        return std::nullopt;
+    std::string bytes(static_cast<const char*>(GlobalLock(medium.hGlobal)), GlobalSize(medium.hGlobal));
+    GlobalUnlock(medium.hGlobal);
     ReleaseStgMedium(&medium);
-    return {hr, bytes};
+    return bytes;
 }
 
-std::set<CLIPFORMAT> enumerated(IDataObject* object)
+TEST(FilterDataObject, PassesOutlooksFormatsButNotTheHiddenOnesAndTextOnlyItsOwn)
 {
-    std::set<CLIPFORMAT> formats;
-    ComPtr<IEnumFORMATETC> enumerator;
-    EXPECT_EQ(object->EnumFormatEtc(DATADIR_GET, &enumerator), S_OK);
-    FORMATETC format{};
-    while (enumerator && enumerator->Next(1, &format, nullptr) == S_OK) {
-        formats.insert(format.cfFormat);
-        CoTaskMemFree(format.ptd);
+    RegisterDataFormats();
+    const CLIPFORMAT wideDescriptor = RegisterClipboardFormatW(L"FileGroupDescriptorW");
+    const CLIPFORMAT ansiDescriptor = RegisterClipboardFormatW(L"FileGroupDescriptor");
+    const CLIPFORMAT privateItem = RegisterClipboardFormatW(L"RenPrivateItem");
+    struct Case {
+        const char* what;
+        std::set<CLIPFORMAT> hidden;
+        std::wstring ownText;
+        const wchar_t* target;
+        bool text, wide; // offered: its own text (both forms), Outlook's wide descriptor
+    };
+    const Case cases[] = {
+        {"hidden formats, and no text without one of its own", {wideDescriptor, CF_TEXT}, L"", L"notepad", false, false},
+        {"its own text", {}, L"text", L"notepad", true, true},
+        {"the SAP logon pad gets no text", {}, L"text", L"SAPlogon", false, true},
+        {"hidden text stays hidden", {CF_TEXT, CF_UNICODETEXT}, L"text", L"notepad", false, true},
+    };
+    for (const Case& c : cases) {
+        auto outlook = OutlookDataObject::create({OutlookEntry::attachment(L"offer.pdf", "pdf bytes")});
+        auto items = std::make_shared<DDItems>();
+        const std::weak_ptr<DDItems> watch = items;
+        dropTargetState().targetName = L"left from the last drag";
+        ComPtr<IDataObject> object = adoptCom(new MyDataObjectFilterFormat(outlook.Get(), c.hidden, c.ownText, items));
+        EXPECT_EQ(dropTargetState().targetName, L"") << "a new drag starts";
+        dropTargetState().targetName = c.target;
+        items.reset();
+
+        // Outlook's ANSI descriptor and private formats always pass.
+        const std::pair<CLIPFORMAT, bool> expected[] = {
+            {CF_UNICODETEXT, c.text}, {CF_TEXT, c.text}, {wideDescriptor, c.wide}, {ansiDescriptor, true},
+            {privateItem, true}};
+        std::set<CLIPFORMAT> listed;
+        forEachFormat(object.Get(), DATADIR_GET, [&](const FORMATETC& format) { listed.insert(format.cfFormat); });
+        for (const auto& [format, offered] : expected) {
+            SCOPED_TRACE(std::string(c.what) + ", format " + std::to_string(format));
+            const unsigned asked = outlook->getDataCalls(format);
+            const std::optional<std::string> bytes = fetch(object.Get(), format);
+            FORMATETC request{format, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+            EXPECT_EQ(object->QueryGetData(&request) == S_OK, offered);
+            EXPECT_EQ(listed.count(format) == 1, offered && format != CF_TEXT);
+            EXPECT_EQ(bytes.has_value(), offered);
+            if (!offered) {
+                EXPECT_EQ(outlook->getDataCalls(format), asked) << "Outlook was not asked";
+            } else if (format != CF_UNICODETEXT && format != CF_TEXT) {
+                EXPECT_EQ(bytes, fetch(outlook.Get(), format)) << "Outlook's own";
+            }
+        }
+        EXPECT_FALSE(watch.expired()) << "the drag's items live as long as the object";
+        object.Reset();
+        EXPECT_TRUE(watch.expired());
     }
-    return formats;
-}
-
-std::string wideBytes(const std::wstring& text)
-{
-    return std::string(reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t));
-}
-
-class FilterDataObjectTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        RegisterDataFormats();
-        ids = clipboardFormats();
-        outlook = OutlookDataObject::create({OutlookEntry::attachment(L"offer.pdf", "pdf bytes")});
-    }
-    void TearDown() override { resetDropTarget(); }
-
-    ComPtr<IDataObject> filter(std::set<CLIPFORMAT> hidden, const std::wstring& text = L"",
-                               std::shared_ptr<DDItems> items = nullptr)
-    {
-        return adoptCom(new MyDataObjectFilterFormat(outlook.Get(), std::move(hidden), text, std::move(items)));
-    }
-
-    ClipboardFormats ids;
-    ComPtr<OutlookDataObject> outlook;
-};
-
-TEST_F(FilterDataObjectTest, AFilteredFormatIsNeitherEnumeratedNorGiven)
-{
-    auto object = filter({ids.fileGroupDescriptorW, ids.fileContents});
-
-    const std::set<CLIPFORMAT> formats = enumerated(object.Get());
-    EXPECT_EQ(formats.count(ids.fileGroupDescriptorW), 0u);
-    EXPECT_EQ(formats.count(ids.fileContents), 0u);
-    EXPECT_EQ(formats.count(ids.fileGroupDescriptor), 1u);
-    EXPECT_EQ(formats.count(ids.renPrivateItem), 1u);
-
-    EXPECT_EQ(query(object.Get(), ids.fileGroupDescriptorW), E_FAIL);
-    EXPECT_EQ(fetch(object.Get(), ids.fileGroupDescriptorW).first, E_FAIL);
-    EXPECT_EQ(outlook->getDataCalls(ids.fileGroupDescriptorW), 0u);
-}
-
-TEST_F(FilterDataObjectTest, OtherFormatsComeFromTheInnerObject)
-{
-    auto object = filter({ids.fileContents});
-    EXPECT_EQ(query(object.Get(), ids.fileGroupDescriptorW), S_OK);
-    const auto [hr, bytes] = fetch(object.Get(), ids.fileGroupDescriptorW);
-    ASSERT_EQ(hr, S_OK);
-    EXPECT_EQ(bytes, outlook->wideDescriptorBlock());
-    // A format the inner object lacks gets the inner object's own answer.
-    EXPECT_NE(query(outlook.Get(), ids.csv), S_OK);
-    EXPECT_EQ(query(object.Get(), ids.csv), query(outlook.Get(), ids.csv));
-}
-
-TEST_F(FilterDataObjectTest, ServesItsOwnTextInBothForms)
-{
-    const std::wstring text = L"caf\u00e9 \u00fcber";
-    auto object = filter({}, text);
-
-    const auto [unicodeHr, unicode] = fetch(object.Get(), CF_UNICODETEXT);
-    ASSERT_EQ(unicodeHr, S_OK);
-    EXPECT_EQ(unicode, wideBytes(text));
-
-    const auto [ansiHr, ansi] = fetch(object.Get(), CF_TEXT);
-    ASSERT_EQ(ansiHr, S_OK);
-    char expected[64] = {};
-    const int length = WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, expected, sizeof expected, nullptr, nullptr);
-    EXPECT_EQ(ansi, std::string(expected, static_cast<size_t>(length)));
-    EXPECT_EQ(query(object.Get(), CF_TEXT), S_OK);
-    EXPECT_EQ(query(object.Get(), CF_UNICODETEXT), S_OK);
-    // Outlook's table was never asked for.
-    EXPECT_EQ(outlook->getDataCalls(CF_UNICODETEXT), 0u);
-}
-
-TEST_F(FilterDataObjectTest, WithoutTextOfItsOwnThereIsNoText)
-{
-    auto object = filter({});
-    EXPECT_EQ(fetch(object.Get(), CF_UNICODETEXT).first, E_FAIL);
-    EXPECT_EQ(fetch(object.Get(), CF_TEXT).first, E_FAIL);
-    EXPECT_EQ(query(object.Get(), CF_UNICODETEXT), E_FAIL);
-}
-
-TEST_F(FilterDataObjectTest, HiddenTextFormatsStayHiddenEvenWithText)
-{
-    auto object = filter({CF_TEXT, CF_UNICODETEXT}, L"text");
-    EXPECT_EQ(fetch(object.Get(), CF_UNICODETEXT).first, E_FAIL);
-    EXPECT_EQ(query(object.Get(), CF_TEXT), E_FAIL);
-    EXPECT_EQ(enumerated(object.Get()).count(CF_UNICODETEXT), 0u);
-}
-
-TEST_F(FilterDataObjectTest, TheSapLogonPadNeverGetsText)
-{
-    auto object = filter({}, L"text");
-    dropTargetState().targetName = L"SAPlogon";
-
-    EXPECT_FALSE(static_cast<MyDataObjectFilterFormat*>(object.Get())->isEnabled(CF_TEXT));
-    EXPECT_EQ(fetch(object.Get(), CF_UNICODETEXT).first, E_FAIL);
-    EXPECT_EQ(fetch(object.Get(), CF_TEXT).first, E_FAIL);
-    EXPECT_EQ(query(object.Get(), CF_UNICODETEXT), E_FAIL);
-    // Outlook's own text is not enumerated either; other formats still are.
-    const std::set<CLIPFORMAT> formats = enumerated(object.Get());
-    EXPECT_EQ(formats.count(CF_UNICODETEXT), 0u);
-    EXPECT_EQ(formats.count(ids.fileGroupDescriptorW), 1u);
-
-    dropTargetState().targetName = L"notepad";
-    EXPECT_EQ(fetch(object.Get(), CF_UNICODETEXT).first, S_OK);
-    EXPECT_EQ(enumerated(object.Get()).count(CF_UNICODETEXT), 1u);
-}
-
-TEST_F(FilterDataObjectTest, MakingOneStartsANewDrag)
-{
-    dropTargetState().lastCursor = POINT{5, 7};
-    dropTargetState().targetProcessId = 42;
-    dropTargetState().targetName = L"saplogon";
-    dropTargetState().droppedIntoOtherApplication = true;
-
-    auto object = filter({});
-    EXPECT_EQ(dropTargetState().lastCursor.x, 0);
-    EXPECT_EQ(dropTargetState().lastCursor.y, 0);
-    EXPECT_EQ(dropTargetState().targetName, L"");
-    EXPECT_FALSE(dropTargetState().droppedIntoOtherApplication);
-}
-
-TEST_F(FilterDataObjectTest, SetDataReachesTheInnerObject)
-{
-    auto object = filter({});
-    FORMATETC format{ids.csv, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
-    STGMEDIUM medium{};
-    medium.tymed = TYMED_HGLOBAL;
-    medium.hGlobal = GlobalAlloc(GMEM_MOVEABLE, 4);
-    ASSERT_EQ(object->SetData(&format, &medium, TRUE), S_OK);
-    EXPECT_TRUE(outlook->wasSet(ids.csv));
-}
-
-TEST_F(FilterDataObjectTest, KeepsTheItemsAliveUntilItGoes)
-{
-    auto items = std::make_shared<DDItems>();
-    std::weak_ptr<DDItems> watch = items;
-    auto object = filter({}, L"", std::move(items));
-    EXPECT_FALSE(watch.expired());
-    object.Reset();
-    EXPECT_TRUE(watch.expired());
-}
-
-TEST_F(FilterDataObjectTest, AnInnerObjectThatCannotEnumerateIsReported)
-{
-    auto inner = TestDataObject::create();
-    inner->enumResult = E_OUTOFMEMORY;
-    ComPtr<IDataObject> object = adoptCom(new MyDataObjectFilterFormat(inner.Get(), {}));
-    ComPtr<IEnumFORMATETC> enumerator;
-    EXPECT_EQ(object->EnumFormatEtc(DATADIR_GET, &enumerator), E_OUTOFMEMORY);
-    EXPECT_FALSE(enumerator);
-}
-
-TEST_F(FilterDataObjectTest, QueriesAreLoggedWithTheFormatsName)
-{
-    LogCapture log(LOG_DEBUG);
-    auto object = filter({ids.fileContents});
-    query(object.Get(), CF_HDROP);
-    query(object.Get(), ids.fileContents);
-    const std::string text = log.contents();
-    EXPECT_NE(text.find("MyDataObjectFilterFormat:"), std::string::npos);
-    EXPECT_NE(text.find(", QueryGetData format=CF_HDROP, enabled=1, hr="), std::string::npos);
-    EXPECT_NE(text.find(", QueryGetData format=FileContents, enabled=0, hr=-2147467259"), std::string::npos);
+    resetDropTarget();
 }
 
 // Every method with work of its own answers an exception inside as a failed
 // call, with nothing half-given.
-TEST_F(FilterDataObjectTest, AnExceptionInsideAMethodIsAFailedCall)
+TEST(FilterDataObject, AnExceptionInsideAMethodIsAFailedCall)
 {
-    auto object = filter({}, L"text");
-    ComPtr<IDataObject> files = adoptCom(new FileDataObject(object.Get(), {L"C:\\offer.pdf"}));
+    auto outlook = OutlookDataObject::create({OutlookEntry::attachment(L"offer.pdf", "pdf bytes")});
+    ComPtr<IDataObject> object, files;
+    object = adoptCom(new MyDataObjectFilterFormat(outlook.Get(), {}, L"text"));
+    files = adoptCom(new FileDataObject(object.Get(), {L"C:\\offer.pdf"}));
     FORMATETC unicode{CF_UNICODETEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
     FORMATETC hdrop{CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
     STGMEDIUM medium{};
@@ -242,6 +114,45 @@ TEST_F(FilterDataObjectTest, AnExceptionInsideAMethodIsAFailedCall)
         EXPECT_EQ(medium.hGlobal, nullptr) << point;
         EXPECT_FALSE(formats) << point;
     }
+}
+
+// Next, Skip, Reset and Clone as IEnumFORMATETC requires; target devices are
+// handed out as copies of their own.
+TEST(FormatEnumerator, HandsOutItsRecordsAsTheInterfaceRequires)
+{
+    FORMATETC withDevice{CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+    withDevice.ptd = static_cast<DVTARGETDEVICE*>(CoTaskMemAlloc(sizeof(DVTARGETDEVICE)));
+    *withDevice.ptd = DVTARGETDEVICE{};
+    withDevice.ptd->tdSize = sizeof(DVTARGETDEVICE);
+    ComPtr<IEnumFORMATETC> enumerator = adoptCom(new MyEnumFORMATETC(
+        {FORMATETC{CF_TEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL}, withDevice,
+         FORMATETC{CF_UNICODETEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL}}));
+    std::vector<FORMATETC> handedOut;
+    const auto next = [&](IEnumFORMATETC* from, ULONG count, HRESULT expected) {
+        std::vector<FORMATETC> records(count);
+        ULONG fetched = 99;
+        EXPECT_EQ(from->Next(count, records.data(), &fetched), expected);
+        std::vector<CLIPFORMAT> formats;
+        for (ULONG i = 0; i < fetched; ++i) {
+            formats.push_back(records[i].cfFormat);
+            handedOut.push_back(records[i]);
+        }
+        return formats;
+    };
+    EXPECT_EQ(next(enumerator.Get(), 2, S_OK), (std::vector<CLIPFORMAT>{CF_TEXT, CF_HDROP}));
+    ComPtr<IEnumFORMATETC> clone;
+    ASSERT_EQ(enumerator->Clone(&clone), S_OK);
+    EXPECT_EQ(next(enumerator.Get(), 2, S_FALSE), std::vector<CLIPFORMAT>{CF_UNICODETEXT});
+    EXPECT_EQ(enumerator->Reset(), S_OK);
+    EXPECT_EQ(enumerator->Skip(1), S_OK);
+    EXPECT_EQ(next(enumerator.Get(), 1, S_OK), std::vector<CLIPFORMAT>{CF_HDROP});
+    EXPECT_EQ(enumerator->Skip(4), S_FALSE);
+    enumerator.Reset();
+    EXPECT_EQ(next(clone.Get(), 3, S_FALSE), std::vector<CLIPFORMAT>{CF_UNICODETEXT}) << "the clone goes on by itself";
+    ASSERT_TRUE(handedOut[1].ptd && handedOut[3].ptd);
+    EXPECT_NE(handedOut[1].ptd, handedOut[3].ptd);
+    for (const FORMATETC& record : handedOut)
+        CoTaskMemFree(record.ptd);
 }
 
 } // namespace

@@ -1,260 +1,367 @@
-// Rewriting real import slots under Wine: the test program's own (it imports
-// DoDragDrop and OleSetClipboard from ole32 by name, as Outlook does), a
-// module that imports DoDragDrop by ordinal, and loaded modules whose headers
-// are damaged in memory.
+// Finding and rewriting import slots: the table reader on images made here
+// byte by byte (PE32 and PE32+, with broken tables), loaded modules with
+// damaged headers, the delay-load probe, and switching interception on and
+// off in this process.
 #include "hook/import_hook.h"
+#include "hook/pe_imports.h"
 
-#include "hook_test_support.h"
+#include "hook_fixture.h"
 
-#include "core/log.h"
 #include "common/module_path.h"
 #include "common/strings.h"
-
-#include <gtest/gtest.h>
+#include "filedrop/file_drop_state.h"
 
 #include <cstddef>
 #include <cstring>
-#include <string>
+#include <mutex>
+#include <thread>
 
 namespace {
 
-class ImportHook : public testing::Test {
-protected:
-    void TearDown() override
+// Where things lie in the crafted image.
+constexpr uint32_t imageSize = 0x1000, peOffset = 0x80, optionalHeader = peOffset + 24, descriptors = 0x200,
+                   nameTable = 0x300, addressTable = 0x340, kernelNames = 0x380, kernelAddresses = 0x3A0,
+                   doDragDropName = 0x400, oleSetClipboardName = 0x420, sleepName = 0x440, ole32Name = 0x460,
+                   kernel32Name = 0x470, delayDescriptors = 0x500, delayAddressTable = 0x600, delayNames = 0x640;
+
+// An image with kernel32's Sleep, then ole32's DoDragDrop by ordinal (whose
+// low bits, read as an offset, would name DoDragDrop), OleSetClipboard and
+// DoDragDrop by name. It lies below 4 GB where it can, as 32-bit images do.
+class CraftedImage {
+public:
+    explicit CraftedImage(bool pe32Plus) : pe32Plus_(pe32Plus)
     {
-        // Whatever a failed test left, the program calls the system again.
-        writeProtectedPointer(&programDoDragDropSlot, systemDoDragDrop(), "test");
-        writeProtectedPointer(&programOleSetClipboardSlot, systemOleSetClipboard(), "test");
+        base_ = static_cast<BYTE*>(VirtualAlloc(reinterpret_cast<void*>(0x30000000), imageSize,
+                                                MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+        if (!base_)
+            base_ = static_cast<BYTE*>(VirtualAlloc(nullptr, imageSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+        put16(0, 0x5A4D);
+        put32(0x3C, peOffset);
+        put32(peOffset, 0x00004550);
+        put16(optionalHeader, pe32Plus ? 0x20B : 0x10B);
+        put32(directories() - 4, 16);
+        setDirectory(IMAGE_DIRECTORY_ENTRY_IMPORT, descriptors, 3 * sizeof(IMAGE_IMPORT_DESCRIPTOR));
+        for (auto [at, text] : {std::pair{doDragDropName + 2, "DoDragDrop"}, {oleSetClipboardName + 2, "OleSetClipboard"},
+                                {sleepName + 2, "Sleep"}, {ole32Name, "OLE32.DLL"}, {kernel32Name, "KERNEL32.dll"}})
+            std::memcpy(base_ + at, text, std::strlen(text) + 1);
+        putDescriptor(0, kernelNames, kernel32Name, kernelAddresses);
+        putThunk(kernelNames, 0, sleepName);
+        putDescriptor(1, nameTable, ole32Name, addressTable);
+        putThunk(nameTable, 0, ordinalFlag() | doDragDropName);
+        putThunk(nameTable, 1, oleSetClipboardName);
+        putThunk(nameTable, 2, doDragDropName);
+    }
+    ~CraftedImage() { VirtualFree(base_, 0, MEM_RELEASE); }
+    CraftedImage(const CraftedImage&) = delete;
+    CraftedImage& operator=(const CraftedImage&) = delete;
+
+    // The delay-import table, with offsets or (the first helpers') addresses.
+    void addDelayImports(bool relative)
+    {
+        setDirectory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT, delayDescriptors, 64);
+        const uint32_t bias = relative ? 0 : static_cast<uint32_t>(reinterpret_cast<uintptr_t>(base_));
+        const uint32_t fields[] = {relative ? 1u : 0u, bias + ole32Name, bias + 0x580, bias + delayAddressTable,
+                                   bias + delayNames};
+        std::memcpy(base_ + delayDescriptors, fields, sizeof fields);
+        putThunk(delayNames, 0, ordinalFlag() | (relative ? doDragDropName : 5));
+        putThunk(delayNames, 1, bias + oleSetClipboardName);
+        putThunk(delayNames, 2, bias + doDragDropName);
     }
 
-    static ImportHookRequest request(HMODULE module, const char* functionName, void* newFunction)
+    bool below4Gb() const { return reinterpret_cast<uintptr_t>(base_) < 0x100000000ull; }
+    unsigned width() const { return pe32Plus_ ? 8 : 4; }
+    ImageView view(size_t size = imageSize) const { return ImageView(base_, size); }
+    BYTE* at(uint32_t offset) const { return base_ + offset; }
+    uint32_t directories() const { return optionalHeader + (pe32Plus_ ? 112 : 96); }
+    uint64_t ordinalFlag() const { return pe32Plus_ ? 0x8000000000000000ull : 0x80000000ull; }
+
+    void put16(uint32_t offset, uint16_t value) { std::memcpy(base_ + offset, &value, 2); }
+    void put32(uint32_t offset, uint32_t value) { std::memcpy(base_ + offset, &value, 4); }
+    void putThunk(uint32_t table, unsigned index, uint64_t value)
+    {
+        std::memcpy(base_ + table + index * width(), &value, width());
+    }
+    void setDirectory(unsigned index, uint32_t rva, uint32_t size)
+    {
+        put32(directories() + index * 8, rva);
+        put32(directories() + index * 8 + 4, size);
+    }
+    void putDescriptor(unsigned index, uint32_t names, uint32_t dllName, uint32_t addresses)
+    {
+        const uint32_t at = descriptors + index * sizeof(IMAGE_IMPORT_DESCRIPTOR);
+        put32(at, names);
+        put32(at + 12, dllName);
+        put32(at + 16, addresses);
+    }
+
+private:
+    bool pe32Plus_;
+    BYTE* base_;
+};
+
+TEST(PeImports, ImportsAreFoundOnlyWhereTheImageSaysAndNeverPastItsEnd)
+{
+    struct Case {
+        const char* what;
+        std::function<void(CraftedImage&)> change; // with a delay table, that one is searched
+        const char* dll;
+        const char* function;
+        uint32_t table; // where the slot is expected (0: not found), at index 2 unless `index` says
+        unsigned index = 2;
+        bool pe32Only = false;
+    };
+    const auto delay = [](CraftedImage& i) { i.addDelayImports(true); };
+    const Case cases[] = {
+        {"by name ignoring case, the ordinal entry skipped", {}, "ole32.dll", "dodragdrop", addressTable},
+        {"another function of the DLL", {}, "Ole32.Dll", "OLESETCLIPBOARD", addressTable, 1},
+        {"a function of another DLL", {}, "ole32.dll", "Sleep", 0},
+        {"not imported from that DLL", {}, "kernel32.dll", "DoDragDrop", 0},
+        {"through a second descriptor of the DLL",
+         [](CraftedImage& i) {
+             i.putThunk(nameTable, 2, 0);
+             i.putDescriptor(2, kernelNames + 0x10, ole32Name, kernelAddresses + 0x10);
+             i.putThunk(kernelNames + 0x10, 0, doDragDropName);
+         },
+         "ole32.dll", "DoDragDrop", kernelAddresses + 0x10, 0},
+        {"import directory outside the image",
+         [](CraftedImage& i) { i.setDirectory(IMAGE_DIRECTORY_ENTRY_IMPORT, 0xFFFFFFF0u, 20); }, "ole32.dll",
+         "DoDragDrop", 0},
+        {"import entry beyond the directory count", [](CraftedImage& i) { i.put32(i.directories() - 4, 1); },
+         "ole32.dll", "DoDragDrop", 0},
+        {"descriptors running off the image end",
+         [](CraftedImage& i) {
+             const uint32_t late = imageSize - sizeof(IMAGE_IMPORT_DESCRIPTOR) - 4;
+             std::memcpy(i.at(late), i.at(descriptors), sizeof(IMAGE_IMPORT_DESCRIPTOR));
+             i.setDirectory(IMAGE_DIRECTORY_ENTRY_IMPORT, late, 40);
+         },
+         "ole32.dll", "DoDragDrop", 0},
+        {"broken names skipped, the walk goes on",
+         [](CraftedImage& i) {
+             i.putDescriptor(0, kernelNames, 0xFFFFFF00u, kernelAddresses);
+             i.putThunk(nameTable, 1, 0x7FFFFF00u);
+             std::memset(i.at(imageSize - 16), 'x', 16);
+             i.putThunk(nameTable, 0, imageSize - 16);
+         },
+         "ole32.dll", "DoDragDrop", addressTable},
+        {"a name table without its end",
+         [](CraftedImage& i) {
+             const uint32_t late = imageSize - 2 * i.width();
+             i.putThunk(late, 0, oleSetClipboardName);
+             i.putThunk(late, 1, oleSetClipboardName);
+             i.putDescriptor(1, late, ole32Name, addressTable);
+         },
+         "ole32.dll", "DoDragDrop", 0},
+        {"delay table, exact name", delay, "OLE32.dll", "DoDragDrop", delayAddressTable},
+        {"delay table, another case of the name", delay, "ole32.dll", "dodragdrop", 0},
+        {"delay table, another DLL", delay, "kernel32.dll", "DoDragDrop", 0},
+        {"delay name table outside the image",
+         [](CraftedImage& i) {
+             i.addDelayImports(true);
+             i.put32(delayDescriptors + 16, 0xFFFFFFF8u);
+         },
+         "ole32.dll", "DoDragDrop", 0},
+        {"delay directory at the image end",
+         [](CraftedImage& i) {
+             i.addDelayImports(true);
+             i.setDirectory(IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT, imageSize - 8, 64);
+         },
+         "ole32.dll", "DoDragDrop", 0},
+        {"delay table of addresses (early helpers), PE32 only",
+         [](CraftedImage& i) { i.addDelayImports(false); }, "ole32.dll", "DoDragDrop", delayAddressTable, 2, true},
+    };
+    for (const bool pe32Plus : {false, true}) {
+        for (const Case& c : cases) {
+            CraftedImage image(pe32Plus);
+            if (c.pe32Only && !image.below4Gb())
+                continue;
+            if (c.change)
+                c.change(image);
+            PeLayout layout;
+            ASSERT_EQ(readPeLayout(image.view(), layout), 0u);
+            ASSERT_EQ(layout.thunkWidth, image.width());
+            IMAGE_DATA_DIRECTORY delayEntry{};
+            const bool inDelayTable = dataDirectory(image.view(), layout, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT, delayEntry);
+            ImportSlot slot;
+            const bool found = inDelayTable ? findDelayImportSlot(image.view(), layout, c.dll, c.function, slot)
+                                            : findImportSlot(image.view(), layout, c.dll, c.function, slot);
+            const bool expected = c.table != 0 && !(c.pe32Only && pe32Plus);
+            ASSERT_EQ(found, expected) << c.what << ", PE32+ " << pe32Plus;
+            EXPECT_EQ(slot.address, expected ? image.at(c.table + c.index * image.width()) : nullptr) << c.what;
+        }
+    }
+}
+
+template <typename T>
+std::string bytesOf(T value)
+{
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+class ImportHook : public HookTest {
+protected:
+    void TearDown() override { EnableDragDrop(false); }
+
+    static ImportHookRequest request(HMODULE module, const char* function, void* newFunction)
     {
         ImportHookRequest result;
         result.hModule = module;
-        result.functionName = functionName;
+        result.functionName = function;
         result.newFunction = newFunction;
         return result;
     }
 
-    HookSettings settings;
-    LogCapture log{LOG_DEBUG};
     HMODULE program = GetModuleHandleW(nullptr);
+    void* const myDoDragDrop = reinterpret_cast<void*>(&MyDoDragDrop);
+    void* const myOleSetClipboard = reinterpret_cast<void*>(&MyOleSetClipboard);
 };
 
-HRESULT WINAPI otherDoDragDrop(IDataObject*, IDropSource*, DWORD, DWORD*)
+TEST_F(ImportHook, DamagedModulesAreReportedAndLeftAlone)
 {
-    return E_NOTIMPL;
-}
-
-void* const otherFunction = reinterpret_cast<void*>(&otherDoDragDrop);
-
-// Bytes of a loaded module's headers changed for the length of a test.
-class HeaderDamage {
-public:
-    HeaderDamage(HMODULE module, size_t offset, const void* bytes, size_t length)
-        : at_(reinterpret_cast<BYTE*>(module) + offset), saved_(reinterpret_cast<const char*>(at_), length)
-    {
-        VirtualProtect(at_, length, PAGE_READWRITE, &protection_);
-        std::memcpy(at_, bytes, length);
-    }
-    ~HeaderDamage()
-    {
-        std::memcpy(at_, saved_.data(), saved_.size());
-        DWORD ignored = 0;
-        VirtualProtect(at_, saved_.size(), protection_, &ignored);
-    }
-    HeaderDamage(const HeaderDamage&) = delete;
-    HeaderDamage& operator=(const HeaderDamage&) = delete;
-
-private:
-    BYTE* at_;
-    std::string saved_;
-    DWORD protection_ = 0;
-};
-
-size_t ntHeadersOffset(HMODULE module)
-{
-    return static_cast<size_t>(reinterpret_cast<const IMAGE_DOS_HEADER*>(module)->e_lfanew);
-}
-
-TEST_F(ImportHook, PatchesTheProgramsOwnSlotAndPutsTheTrueFunctionBack)
-{
-    ASSERT_EQ(slotValue(&programDoDragDropSlot), systemDoDragDrop());
-
-    ImportHookRequest hook = request(program, "DoDragDrop", reinterpret_cast<void*>(&MyDoDragDrop));
-    EXPECT_EQ(HookDllImportFunction(hook), HookDone);
-    EXPECT_EQ(hook.oldFunction, systemDoDragDrop());
-    EXPECT_EQ(slotValue(&programDoDragDropSlot), reinterpret_cast<void*>(&MyDoDragDrop));
-
-    ImportHookRequest unhook = request(program, "DoDragDrop", reinterpret_cast<void*>(g_DoDragDrop));
-    EXPECT_EQ(HookDllImportFunction(unhook), HookDone);
-    EXPECT_EQ(unhook.oldFunction, reinterpret_cast<void*>(&MyDoDragDrop));
-    EXPECT_EQ(slotValue(&programDoDragDropSlot), systemDoDragDrop());
-
-    const std::string text = log.contents();
-    EXPECT_NE(text.find("Function DoDragDrop found in " + wideToUtf8(modulePath(program, 1000))), std::string::npos);
-    EXPECT_EQ(occurrences(text, "replace"), 2u);
-}
-
-TEST_F(ImportHook, TheProgramsOwnCallOfDoDragDropReachesTheReplacement)
-{
-    settings->setLocked(true);
-    ImportHookRequest hook = request(program, "DoDragDrop", reinterpret_cast<void*>(&MyDoDragDrop));
-    ASSERT_EQ(HookDllImportFunction(hook), HookDone);
-
-    RecordedDoDragDrop recorded([](const DragCall&) { return DRAGDROP_S_DROP; });
-    auto dropSource = TestDropSource::create();
-    DWORD effect = 0;
-    // Called by its ordinary name: through the program's import slot.
-    const HRESULT result = DoDragDrop(nullptr, dropSource.Get(), DROPEFFECT_COPY, &effect);
-
-    EXPECT_EQ(result, DRAGDROP_S_DROP);
-    ASSERT_EQ(recorded.calls(), 1);
-    EXPECT_EQ(recorded.last().dropSource, dropSource.Get());
-    EXPECT_EQ(recorded.last().effect, &effect);
-}
-
-TEST_F(ImportHook, DllAndFunctionNamesMatchIgnoringCase)
-{
-    ImportHookRequest hook = request(program, "dodragdrop", otherFunction);
-    hook.importDll = "OLE32.DLL";
-    EXPECT_EQ(HookDllImportFunction(hook), HookDone);
-    EXPECT_EQ(hook.oldFunction, systemDoDragDrop());
-    EXPECT_EQ(slotValue(&programDoDragDropSlot), otherFunction);
-}
-
-TEST_F(ImportHook, ARequestWithoutNewFunctionOnlyReports)
-{
-    const DWORD protection = pageProtection(&programOleSetClipboardSlot);
-    ImportHookRequest report = request(program, "OleSetClipboard", nullptr);
-    report.oldFunction = otherFunction; // cleared by the call
-
-    EXPECT_EQ(HookDllImportFunction(report), HookDone);
-    EXPECT_EQ(report.oldFunction, systemOleSetClipboard());
-    EXPECT_EQ(slotValue(&programOleSetClipboardSlot), systemOleSetClipboard());
-    EXPECT_EQ(pageProtection(&programOleSetClipboardSlot), protection);
-    EXPECT_EQ(log.contents().find("replace"), std::string::npos);
-}
-
-TEST_F(ImportHook, AFunctionTheModuleDoesNotImportIsNotFound)
-{
-    ImportHookRequest hook = request(program, "OleGetClipboardWithEnterpriseInfo", otherFunction);
-    EXPECT_EQ(HookDllImportFunction(hook), HookDone);
-    EXPECT_EQ(hook.oldFunction, nullptr);
-    EXPECT_EQ(log.contents().find("found in"), std::string::npos);
-}
-
-TEST_F(ImportHook, AnImportByOrdinalIsNotPatched)
-{
-    HMODULE probe = probeModule(L"hook_ordinal_probe.dll");
+    HMODULE probe = delayProbe();
     ASSERT_NE(probe, nullptr);
-    auto slotOf = reinterpret_cast<void** (*)()>(GetProcAddress(probe, "ordinalProbeSlot"));
-    ASSERT_NE(slotOf, nullptr);
-    void** slot = slotOf();
-    // The ordinal really is DoDragDrop's: the loader bound the system's function.
-    ASSERT_EQ(slotValue(slot), systemDoDragDrop());
-
-    ImportHookRequest hook = request(probe, "DoDragDrop", otherFunction);
-    EXPECT_EQ(HookDllImportFunction(hook), HookDone);
-    EXPECT_EQ(hook.oldFunction, nullptr);
-    EXPECT_EQ(slotValue(slot), systemDoDragDrop());
-    EXPECT_NE(log.contents().find("IMAGE_SNAP_BY_ORDINAL ignored"), std::string::npos);
-}
-
-TEST_F(ImportHook, NoModuleGivesSeven)
-{
-    ImportHookRequest byHandle = request(nullptr, "DoDragDrop", otherFunction);
-    EXPECT_EQ(HookDllImportFunction(byHandle), HookNoModule);
-
-    ImportHookRequest byName = request(nullptr, "DoDragDrop", otherFunction);
-    byName.moduleName = "korvane-no-such-module.dll";
-    EXPECT_EQ(HookDllImportFunction(byName), HookNoModule);
-    EXPECT_EQ(byName.oldFunction, nullptr);
-
-    const std::string text = log.contents();
-    EXPECT_NE(text.find("LoadLibrary ...korvane-no-such-module.dll"), std::string::npos);
-    EXPECT_EQ(occurrences(text, "DLL not found."), 2u);
-}
-
-TEST_F(ImportHook, MemoryThatIsNoLoadedModuleGivesTwo)
-{
-    // A perfect copy of a module's headers, but not a module the loader knows:
-    // nothing in it is trusted.
-    HMODULE probe = probeModule(L"hook_ordinal_probe.dll");
-    ASSERT_NE(probe, nullptr);
-    void* copy = VirtualAlloc(nullptr, 0x1000, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
-    ASSERT_NE(copy, nullptr);
-    std::memcpy(copy, probe, 0x1000);
-
-    ImportHookRequest hook = request(static_cast<HMODULE>(copy), "DoDragDrop", otherFunction);
-    EXPECT_EQ(HookDllImportFunction(hook), HookNoModuleInformation);
-    EXPECT_NE(log.contents().find("GetModuleInformation succ=0"), std::string::npos);
-    VirtualFree(copy, 0, MEM_RELEASE);
-}
-
-TEST_F(ImportHook, ALoadedModuleWithDamagedHeadersGivesThreeFourOrFive)
-{
-    HMODULE probe = probeModule(L"hook_ordinal_probe.dll");
-    ASSERT_NE(probe, nullptr);
-    const size_t nt = ntHeadersOffset(probe);
-    const char zeros[4] = {};
-    {
-        const HeaderDamage damage(probe, 0, "ZM", 2);
-        ImportHookRequest hook = request(probe, "DoDragDrop", otherFunction);
-        EXPECT_EQ(HookDllImportFunction(hook), HookNoDosSignature);
+    const auto ntOf = [](HMODULE module) {
+        return static_cast<size_t>(reinterpret_cast<const IMAGE_DOS_HEADER*>(module)->e_lfanew);
+    };
+    const size_t importEntry = offsetof(IMAGE_NT_HEADERS, OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT]);
+    struct Case {
+        const char* what;
+        HMODULE module;
+        size_t offset;
+        std::string bytes;
+        DWORD code;
+    };
+    const Case cases[] = {
+        {"no MZ", probe, 0, "ZM", HookNoDosSignature},
+        {"no PE signature", probe, ntOf(probe), std::string(4, '\0'), HookNoPeSignature},
+        {"e_lfanew outside", probe, offsetof(IMAGE_DOS_HEADER, e_lfanew), bytesOf(LONG(0x7FFFFFF0)), HookNoPeSignature},
+        {"negative e_lfanew", probe, offsetof(IMAGE_DOS_HEADER, e_lfanew), bytesOf(LONG(0x80000000)), HookNoPeSignature},
+        {"ROM optional header", probe, ntOf(probe) + offsetof(IMAGE_NT_HEADERS, OptionalHeader.Magic),
+         bytesOf(WORD(IMAGE_ROM_OPTIONAL_HDR_MAGIC)), HookUnknownOptionalHeader},
+        {"import directory outside the image", program, ntOf(program) + importEntry, bytesOf(DWORD(0x7FFFFF00)),
+         HookDone},
+    };
+    for (const Case& c : cases) {
+        // The loaded module's header bytes changed for the length of the case.
+        BYTE* at = reinterpret_cast<BYTE*>(c.module) + c.offset;
+        const std::string saved(reinterpret_cast<const char*>(at), c.bytes.size());
+        DWORD protection = 0;
+        VirtualProtect(at, saved.size(), PAGE_READWRITE, &protection);
+        std::memcpy(at, c.bytes.data(), c.bytes.size());
+        ImportHookRequest hook = request(c.module, "DoDragDrop", myDoDragDrop);
+        EXPECT_EQ(HookDllImportFunction(hook), c.code) << c.what;
+        EXPECT_EQ(hook.oldFunction, nullptr) << c.what;
+        std::memcpy(at, saved.data(), saved.size());
+        VirtualProtect(at, saved.size(), protection, &protection);
     }
-    {
-        const HeaderDamage damage(probe, nt, zeros, 4);
-        ImportHookRequest hook = request(probe, "DoDragDrop", otherFunction);
-        EXPECT_EQ(HookDllImportFunction(hook), HookNoPeSignature);
-    }
-    {
-        const LONG outside = 0x7FFFFFF0;
-        const HeaderDamage damage(probe, offsetof(IMAGE_DOS_HEADER, e_lfanew), &outside, sizeof outside);
-        ImportHookRequest hook = request(probe, "DoDragDrop", otherFunction);
-        EXPECT_EQ(HookDllImportFunction(hook), HookNoPeSignature);
-    }
-    {
-        const WORD rom = IMAGE_ROM_OPTIONAL_HDR_MAGIC;
-        const HeaderDamage damage(probe, nt + offsetof(IMAGE_NT_HEADERS, OptionalHeader.Magic), &rom, sizeof rom);
-        ImportHookRequest hook = request(probe, "DoDragDrop", otherFunction);
-        EXPECT_EQ(HookDllImportFunction(hook), HookUnknownOptionalHeader);
-    }
-    EXPECT_EQ(occurrences(log.contents(), "not a module image"), 4u);
-}
-
-TEST_F(ImportHook, AnImportDirectoryOutsideTheImageIsReportedNotFollowed)
-{
-    HMODULE probe = probeModule(L"hook_ordinal_probe.dll");
-    ASSERT_NE(probe, nullptr);
-    const size_t directory = ntHeadersOffset(probe) +
-                             offsetof(IMAGE_NT_HEADERS, OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT]);
-    const DWORD outside = 0x7FFFFF00;
-    const HeaderDamage damage(probe, directory, &outside, sizeof outside);
-
-    ImportHookRequest hook = request(probe, "DoDragDrop", otherFunction);
-    EXPECT_EQ(HookDllImportFunction(hook), HookDone);
-    EXPECT_EQ(hook.oldFunction, nullptr);
+    EXPECT_EQ(slotValue(&programDoDragDropSlot), systemFunction("DoDragDrop"));
+    EXPECT_EQ(occurrences(log.contents(), "not a module image"), 5u);
     EXPECT_NE(log.contents().find("import descriptors leave the image"), std::string::npos);
+
+    // A perfect copy of a module's headers is no module the loader knows.
+    void* copy = VirtualAlloc(nullptr, 0x1000, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    std::memcpy(copy, probe, 0x1000);
+    ImportHookRequest unknown = request(static_cast<HMODULE>(copy), "DoDragDrop", myDoDragDrop);
+    EXPECT_EQ(HookDllImportFunction(unknown), HookNoModuleInformation);
+    VirtualFree(copy, 0, MEM_RELEASE);
+    ImportHookRequest none = request(nullptr, "DoDragDrop", myDoDragDrop);
+    EXPECT_EQ(HookDllImportFunction(none), HookNoModule);
+    none.moduleName = "korvane-no-such-module.dll";
+    EXPECT_EQ(HookDllImportFunction(none), HookNoModule);
 }
 
-TEST_F(ImportHook, WriteProtectedPointerWritesAReadOnlySlot)
+// The probe's DoDragDrop is still unbound (its slot leads into its binding
+// thunk); its OleSetClipboard is bound by a first call. Either way the
+// replacement goes into the probe's own delay address table.
+TEST_F(ImportHook, DelayLoadedImportsAreHookedBoundOrNot)
 {
-    void* page = VirtualAlloc(nullptr, 0x1000, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
-    ASSERT_NE(page, nullptr);
-    DWORD old = 0;
-    ASSERT_TRUE(VirtualProtect(page, 0x1000, PAGE_READONLY, &old));
+    HMODULE probe = delayProbe();
+    ASSERT_NE(probe, nullptr);
+    const auto slots = reinterpret_cast<void**>(GetProcAddress(probe, "probeDelayAddressTable"));
+    const auto probeDoDragDrop =
+        reinterpret_cast<HRESULT (*)(IDataObject*, IDropSource*, DWORD, DWORD*)>(GetProcAddress(probe, "probeDoDragDrop"));
+    const auto probeOleSetClipboard =
+        reinterpret_cast<HRESULT (*)(IDataObject*)>(GetProcAddress(probe, "probeOleSetClipboard"));
+    ASSERT_TRUE(slots && probeDoDragDrop && probeOleSetClipboard);
+    void** dragSlot = &slots[0];
+    void** clipboardSlot = &slots[1];
+    void* const thunk = slotValue(dragSlot);
+    ASSERT_NE(thunk, systemFunction("DoDragDrop"));
+    probeOleSetClipboard(nullptr);
+    ASSERT_EQ(slotValue(clipboardSlot), systemFunction("OleSetClipboard"));
 
-    EXPECT_TRUE(writeProtectedPointer(static_cast<void**>(page), otherFunction, "page"));
-    EXPECT_EQ(slotValue(static_cast<void**>(page)), otherFunction);
-    EXPECT_EQ(pageProtection(page), static_cast<DWORD>(PAGE_EXECUTE_READWRITE));
+    ImportHookRequest otherCase = request(probe, "dodragdrop", myDoDragDrop);
+    EXPECT_EQ(HookDllImportFunction(otherCase), HookDone);
+    EXPECT_EQ(otherCase.oldFunction, nullptr) << "a delay table is searched with the exact name";
+    EXPECT_EQ(slotValue(dragSlot), thunk);
 
-    // Memory that isn't there: refused and logged, nothing written.
-    VirtualFree(page, 0, MEM_RELEASE);
-    EXPECT_FALSE(writeProtectedPointer(static_cast<void**>(page), otherFunction, "freed"));
+    settings.setCaptureClipboard(true);
+    hookModule(nullptr, probe, true);
+    EXPECT_EQ(slotValue(dragSlot), myDoDragDrop);
+    EXPECT_EQ(slotValue(clipboardSlot), myOleSetClipboard);
+    {
+        settings.setLocked(true);
+        RecordedDoDragDrop recorded;
+        auto source = OutlookDropSource::create();
+        DWORD effect = 0;
+        probeDoDragDrop(nullptr, source.Get(), DROPEFFECT_COPY, &effect);
+        ASSERT_EQ(recorded.calls.size(), 1u) << "the probe's own call reached the replacement";
+        EXPECT_EQ(recorded.calls[0].dropSource, source.Get());
+    }
+    hookModule(nullptr, probe, false);
+    EXPECT_EQ(slotValue(dragSlot), systemFunction("DoDragDrop"));
+    EXPECT_EQ(slotValue(clipboardSlot), systemFunction("OleSetClipboard"));
+    EXPECT_NE(log.contents().find("check delay load table of "), std::string::npos);
+}
+
+TEST_F(ImportHook, EnableDragDropSwitchesOnceEachWayAndPutsTheTrueFunctionsBack)
+{
+    settings.setCaptureClipboard(true);
+    EnableDragDrop(true);
+    EnableDragDrop(true);
+    EXPECT_TRUE(isDragDropEnabled());
+    EXPECT_EQ(slotValue(&programDoDragDropSlot), myDoDragDrop);
+    EXPECT_EQ(slotValue(&programOleSetClipboardSlot), myOleSetClipboard);
     const std::string text = log.contents();
-    EXPECT_NE(text.find("unprotect page, succ=1, err=0"), std::string::npos);
-    EXPECT_NE(text.find("unprotect freed, succ=0, err="), std::string::npos);
+    EXPECT_EQ(occurrences(text, "Function DoDragDrop found in " + wideToUtf8(modulePath(program, 1000))), 1u);
+    EXPECT_EQ(occurrences(text, " init(\r\n"), 1u) << "the file-drop unit starts once";
+    for (const char* office : hookedOfficeModules)
+        EXPECT_NE(text.find(std::string("LoadLibrary ...") + office), std::string::npos) << office;
+
+    // CaptureClipboard switched off meanwhile: its slot still gets the true function back.
+    settings.setCaptureClipboard(false);
+    EnableDragDrop(false);
+    EnableDragDrop(false);
+    EXPECT_FALSE(isDragDropEnabled());
+    EXPECT_EQ(slotValue(&programDoDragDropSlot), systemFunction("DoDragDrop"));
+    EXPECT_EQ(slotValue(&programOleSetClipboardSlot), systemFunction("OleSetClipboard"));
+    EXPECT_EQ(occurrences(log.contents(), " done(\r\n"), 1u);
+
+    EnableDragDrop(true);
+    EXPECT_EQ(slotValue(&programOleSetClipboardSlot), systemFunction("OleSetClipboard"))
+        << "without CaptureClipboard the clipboard is left alone";
+}
+
+// The delayed start switches on from its own thread while Outlook's thread
+// switches off (a disconnection) or on (the ribbon). Run against each other
+// many times, the flag, the slots and the cleanup worker always agree.
+TEST_F(ImportHook, SwitchesFromTwoThreadsAtOnceEndInOneState)
+{
+    const LogCapture quieter(LOG_ERROR);
+    const auto cleanupRunning = [] {
+        FileDrop::FileDropState& state = FileDrop::fileDropState();
+        const std::lock_guard<std::mutex> guard(state.cleanupLock);
+        return state.cleanupWorker.joinable() && !state.stopped;
+    };
+    for (int round = 0; round < 100; ++round) {
+        std::thread delayedStart([] { EnableDragDrop(true); });
+        EnableDragDrop(round % 3 == 0);
+        delayedStart.join();
+        const bool on = isDragDropEnabled();
+        ASSERT_EQ(slotValue(&programDoDragDropSlot) == myDoDragDrop, on) << round;
+        ASSERT_EQ(cleanupRunning(), on) << round;
+        if (round % 2)
+            EnableDragDrop(false);
+    }
 }
 
 } // namespace

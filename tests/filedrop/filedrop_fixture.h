@@ -1,0 +1,57 @@
+#pragma once
+// What the file-drop tests share: a scratch folder as the temporary folder, a
+// file-drop record of their own, settings read from a registry key of their
+// own, and ageing real files and folders.
+//
+// A drag folder's age is its creation time. Wine reports a folder's
+// last-write time as its creation time, and that changes whenever an entry is
+// added or removed, so a folder is aged after its contents are in place, and
+// both times are set, so that a test means the same on Windows.
+#include "filedrop/cleanup.h"
+#include "filedrop/file_drop.h"
+#include "filedrop/file_drop_state.h"
+
+#include "core/globals.h"
+#include "core/log.h"
+#include "common/unique_resource.h"
+#include "core/reg_util.h"
+#include "support/scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+class FileDropTest : public testing::Test {
+protected:
+    FileDropTest() { state.tempDir = folder.path(); }
+
+    // The settings read their values when they are made; null keeps the default.
+    Globals& settingsWith(const wchar_t* name, const wchar_t* value)
+    {
+        EXPECT_TRUE(!value || RegUtil::setRegValue(keys.userPath(name), L"", value));
+        settings = std::make_unique<Globals>(TestSettingsKeys::company, keys.product());
+        state.settings = settings.get();
+        return *settings;
+    }
+
+    // A file (or, with `isFolder`, a folder) whose times lie `minutes` in the past.
+    static bool age(const std::wstring& path, double minutes)
+    {
+        FILETIME now{};
+        GetSystemTimeAsFileTime(&now);
+        ULARGE_INTEGER units{{now.dwLowDateTime, now.dwHighDateTime}};
+        units.QuadPart -= static_cast<ULONGLONG>(minutes * 600000000.0);
+        const FILETIME time{units.LowPart, units.HighPart};
+        const UniqueFile handle(CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                            nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        return handle && SetFileTime(handle.get(), &time, nullptr, &time);
+    }
+
+    static bool exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+    ScratchFolder folder;
+    TestSettingsKeys keys;
+    std::unique_ptr<Globals> settings;
+    // Last: its worker, if any, is stopped before the folder goes.
+    FileDrop::FileDropState state;
+};
