@@ -179,7 +179,7 @@ TEST(PeImports, ImportsAreFoundOnlyWhereTheImageSaysAndNeverPastItsEnd)
             PeLayout layout;
             ASSERT_EQ(readPeLayout(image.view(), layout), 0u);
             ASSERT_EQ(layout.thunkWidth, image.width());
-            IMAGE_DATA_DIRECTORY delayEntry{};
+            pe::DataDirectory delayEntry{};
             const bool inDelayTable = dataDirectory(image.view(), layout, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT, delayEntry);
             ImportSlot slot;
             const bool found = inDelayTable ? findDelayImportSlot(image.view(), layout, c.dll, c.function, slot)
