@@ -216,9 +216,8 @@ def write_table(path, results, header):
         "|---|---|---|---|---|---|---|",
     ]
     for r in results:
-        lines.append("| %s | %s | %s | %s | %s | %s | %d s |" % tuple(
-            cell(v) for v in (r["id"], r["subsystem"], r["notice"], r["file"], r["result"], r["detail"],
-                              round(r["seconds"]))))
+        lines.append("| %s | %s | %s | %s | %s | %s | %d s |" % (
+            *(cell(r[key]) for key in ("id", "subsystem", "notice", "file", "result", "detail")), r["seconds"]))
     with open(path, "w", encoding="utf-8") as table:
         table.write("\n".join(lines) + "\n")
     return lines
