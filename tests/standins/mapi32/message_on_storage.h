@@ -1,24 +1,20 @@
 #pragma once
-// An IMessage over a .msg compound storage, as OpenIMsgOnIStg gives it: the
-// properties and recipient rows come from the storage; SetProps changes stay
-// in memory until SaveChanges writes them into the storage.
-#include "mapi_allocation.h"
-
+// An IMessage over a .msg compound storage, as OpenIMsgOnIStg gives it, for
+// reading only: GetProps and the recipient table come from the storage (read
+// with the add-in's own .msg reader); attachments, changes and the rest are
+// not supported, as the add-in then reads them from the storage itself.
 #include <windows.h>
 #include <ole2.h>
 #include <mapidefs.h>
 #include <imessage.h>
 
-struct MessageOpenOptions {
-    MapiAllocators allocators;          // used for everything handed out
-    LPMALLOC malloc = nullptr;          // kept referenced, as MAPI does
-    MSGCALLRELEASE* onRelease = nullptr; // called when the last reference goes
-    ULONG callerData = 0;               // passed to onRelease
-    ULONG flags = 0;                    // IMSG_NO_ISTG_COMMIT: SaveChanges doesn't commit the storage
+// The allocation functions the caller opened the message with; everything
+// handed out is allocated with them.
+struct MapiAllocators {
+    LPALLOCATEBUFFER allocateBuffer = nullptr;
+    LPALLOCATEMORE allocateMore = nullptr;
+    LPFREEBUFFER freeBuffer = nullptr;
 };
 
-// Reads the storage (a storage without a properties stream is an empty, new
-// message) and returns the message with one reference; the message holds its
-// own reference to the storage. A storage that can't be read as a message
-// gives MAPI_E_CORRUPT_DATA.
-HRESULT openMessageOnStorage(IStorage* storage, const MessageOpenOptions& options, IMessage** message);
+// MAPI_E_CORRUPT_DATA for a storage that can't be read as a message.
+HRESULT openMessageOnStorage(IStorage* storage, const MapiAllocators& allocators, IMessage** message);

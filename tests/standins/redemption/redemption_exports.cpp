@@ -42,16 +42,6 @@ SessionFactory sessionFactory;
 
 } // namespace
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
-{
-    if (reason == DLL_PROCESS_ATTACH) {
-        DisableThreadLibraryCalls(instance);
-        // Lets a test tell whether the add-in ever loaded the library.
-        SetEnvironmentVariableW(standInRedemptionLoadedMarker, L"1");
-    }
-    return TRUE;
-}
-
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* object)
 {
     if (!object)

@@ -1,9 +1,9 @@
 #include "redemption_objects.h"
 
 #include "redemption_standin.h"
-#include "rfc822_text.h"
 
 #include "addin/log.h"
+#include "common/strings.h"
 #include "common/unique_resource.h"
 #include "items/msg_storage.h"
 #include "items/property_text.h"
@@ -98,7 +98,8 @@ HRESULT saveMail(const OpenedMail& mail, bool decrypted, const std::vector<VARIA
     if (type == standInRedemptionSaveAsMsg)
         hr = decrypted ? writeDecryptedCopy(mail.path, target) : copyMsgFile(mail.path, target);
     else
-        hr = writeTextFile(target, rfc822Text(mail.message));
+        hr = writeTextFile(target, "Subject: " + wideToUtf8(textOf(mail.message, idSubject)) + "\r\n\r\n" +
+                                       wideToUtf8(textOf(mail.message, idBody)) + "\r\n");
     KV_DEBUG(logger) << "SaveAs " << target << ", type=" << type << ", decrypted=" << decrypted << ", hr=" << hr;
     return hr;
 }

@@ -13,5 +13,5 @@
 //   GetDecryptedMessage()       a mail object that reads as decrypted.
 //   Body, Subject, MessageClass property gets, as text.
 //   SaveAs(path, type)          type 3: the .msg (decrypted when the mail is);
-//                               any other type: an RFC 822 text file.
+//                               any other type: the subject and body as Internet mail text.
 Microsoft::WRL::ComPtr<IDispatch> createRedemptionSession();

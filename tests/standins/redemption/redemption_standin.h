@@ -24,18 +24,12 @@ inline constexpr const wchar_t* standInRedemptionSwitch = L"KORVANE_STANDIN_REDE
 inline constexpr const wchar_t* standInRedemptionFailDecrypt = L"fail-decrypt";
 inline constexpr const wchar_t* standInRedemptionFailSaveAs = L"fail-saveas";
 
-// Set to "1" in the process when the library is loaded.
-inline constexpr const wchar_t* standInRedemptionLoadedMarker = L"KORVANE_STANDIN_REDEMPTION_LOADED";
-
-// GetDecryptedMessage under "fail-decrypt": no key to decrypt with.
+// What the switches make the calls fail with; GetMessageFromMsgFile on a
+// compound file that holds no readable message gives MAPI_E_CORRUPT_DATA.
 inline constexpr HRESULT standInRedemptionDecryptError = E_ACCESSDENIED;
-// SaveAs under "fail-saveas".
 inline constexpr HRESULT standInRedemptionSaveAsError = STG_E_CANTSAVE;
-// GetMessageFromMsgFile on a compound file whose properties can't be read.
-// A file that is no compound file at all gives StgOpenStorageEx's own error
-// (STG_E_FILENOTFOUND, STG_E_FILEALREADYEXISTS for a file of another kind).
-inline constexpr HRESULT standInRedemptionCorruptMessage = MAKE_HRESULT(1, FACILITY_ITF, 0x11B); // MAPI_E_CORRUPT_DATA
+inline constexpr HRESULT standInRedemptionCorruptMessage = MAKE_HRESULT(1, FACILITY_ITF, 0x11B);
 
-// SaveAs types: 3 writes the .msg (decrypted when the mail object came from
-// GetDecryptedMessage), any other value a plain-text RFC 822 mail.
+// SaveAs type 3 writes the .msg (decrypted when the mail object came from
+// GetDecryptedMessage); any other type a text file.
 inline constexpr LONG standInRedemptionSaveAsMsg = 3;
