@@ -1,0 +1,229 @@
+// One drag's items: attachments written as Outlook's stream holds them, the
+// list's operations on all items, and the JSON text that describes them.
+#include "item_files.h"
+
+#include "addin/log.h"
+#include "items/attachment_item.h"
+#include "items/dd_item.h"
+#include "support/faulty_storage.h"
+
+#include <sstream>
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+// An item whose save and prepare answer what the test says and note the call.
+class ScriptedItem : public DDItem {
+public:
+    ScriptedItem(std::wstring name, HRESULT result, std::vector<std::wstring>& journal)
+        : DDItem(std::move(name)), result_(result), journal_(journal)
+    {
+    }
+    ~ScriptedItem() override { journal_.push_back(L"delete " + fileName_); }
+    HRESULT save() override { return note(L"save "); }
+    HRESULT prepareFile() override { return note(L"prepare "); }
+
+protected:
+    const char* typeName() const override { return "ScriptedItem"; }
+
+private:
+    HRESULT note(const wchar_t* what)
+    {
+        journal_.push_back(what + fileName_);
+        return result_;
+    }
+    HRESULT result_;
+    std::vector<std::wstring>& journal_;
+};
+
+ULONGLONG positionOf(IStream* stream)
+{
+    ULARGE_INTEGER position{};
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &position);
+    return position.QuadPart;
+}
+
+} // namespace
+
+TEST(AttachmentFiles, TheStreamsBytesUnchangedAndOutlooksStreamRewound)
+{
+    const std::string bytes = patternBytes(100000, 7);
+    StorageFaults halfWay, noStat;
+    halfWay.failAfterBytes = 50000;
+    noStat.statFailure = STG_E_ACCESSDENIED;
+    const struct {
+        const char* name;
+        std::string bytes;
+        size_t readFirst;
+        const StorageFaults* faults;
+        std::wstring file;
+        HRESULT prepared, saved;
+        std::string written; // the file after the save; "-" for none
+    } rows[] = {
+        {"prepared, then saved", bytes, 0, nullptr, L"offer.pdf", S_OK, S_OK, bytes},
+        {"read by someone before", "0123456789", 4, nullptr, L"digits.txt", S_OK, S_OK, "0123456789"},
+        {"empty", "", 0, nullptr, L"empty.txt", S_OK, S_OK, ""},
+        {"failing half way", bytes, 0, &halfWay, L"broken.bin", S_OK, STG_E_READFAULT, std::string(bytes.size(), '\0')},
+        {"no size", bytes, 0, &noStat, L"nosize.bin", STG_E_ACCESSDENIED, S_OK, ""},
+        {"no folder to write to", "data", 0, nullptr, L"missing\\x.txt", S_OK, HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND),
+         "-"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ScratchFolder folder;
+        ComPtr<IStream> stream = memoryStream(row.bytes);
+        char peek[16];
+        stream->Read(peek, static_cast<ULONG>(row.readFirst), nullptr);
+        if (row.faults)
+            stream = wrapStreamWithFaults(stream.Get(), *row.faults);
+        AttachmentItem item(folder.file(row.file), stream.Get());
+        EXPECT_EQ(item.prepareFile(), row.prepared);
+        EXPECT_EQ(fileExists(folder.file(row.file)), SUCCEEDED(row.prepared) && row.written != "-");
+        if (SUCCEEDED(row.prepared) && row.written != "-") {
+            EXPECT_EQ(readBytes(folder.file(row.file)), std::string(row.bytes.size(), '\0')) << "the final size";
+        }
+        EXPECT_FALSE(item.isSaved());
+        EXPECT_EQ(item.save(), row.saved);
+        EXPECT_TRUE(item.isSaved()) << "not tried again by a later save of the list";
+        EXPECT_EQ(filesIn(folder.path()), row.written == "-" ? std::vector<std::wstring>{}
+                                                              : std::vector<std::wstring>{row.file});
+        if (row.written != "-") {
+            EXPECT_TRUE(readBytes(folder.file(row.file)) == row.written);
+            EXPECT_EQ(GetFileAttributesW(folder.file(row.file).c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
+        }
+        EXPECT_EQ(positionOf(stream.Get()), 0u) << "the drop target reads Outlook's stream from its start";
+        if (!row.faults) {
+            EXPECT_TRUE(restOf(stream.Get()) == row.bytes);
+        }
+        // Saved once: a second save or prepare touches nothing, even a deleted file.
+        DeleteFileW(folder.file(row.file).c_str());
+        LogCapture log(LOG_DEBUG);
+        EXPECT_EQ(item.save(), S_OK);
+        EXPECT_EQ(item.prepareFile(), S_OK);
+        EXPECT_FALSE(fileExists(folder.file(row.file)));
+        EXPECT_TRUE(contains(log.contents(), "already saved")) << log.contents();
+    }
+}
+
+TEST(ItemList, ASaveOrPrepareThatFailsStopsTheListThereWarningsDoNot)
+{
+    std::vector<std::wstring> journal;
+    {
+        DDItems items;
+        EXPECT_EQ(items.save(), S_OK);
+        EXPECT_EQ(items.prepareFiles(), S_OK);
+        items.add(std::make_unique<ScriptedItem>(L"a", S_FALSE, journal));
+        items.add(std::make_unique<ScriptedItem>(L"b", STG_E_MEDIUMFULL, journal));
+        items.add(std::make_unique<ScriptedItem>(L"c", S_OK, journal));
+        EXPECT_EQ(items.save(), STG_E_MEDIUMFULL);
+        EXPECT_EQ(items.prepareFiles(), STG_E_MEDIUMFULL);
+        items.release();
+        EXPECT_TRUE(items.empty());
+        journal.push_back(L"released");
+    }
+    EXPECT_EQ(journal, (std::vector<std::wstring>{L"save a", L"save b", L"prepare a", L"prepare b", L"delete a",
+                                                  L"delete b", L"delete c", L"released"}));
+}
+
+TEST(ItemList, JsonTextOfAttachmentsEscapesOnlyTheListedCharacters)
+{
+    DDItems items;
+    EXPECT_EQ(items.toJson(), L"{\n  \"items\" : [\n  ]\n}\n");
+    ScratchFolder folder;
+    items.add(std::make_unique<AttachmentItem>(folder.file(L"offer.pdf"), memoryStream("x").Get()));
+    items.add(std::make_unique<AttachmentItem>(folder.file(L"Say \"hi\".txt"), memoryStream("y").Get()));
+    EXPECT_EQ(items.toJson(), L"{\n"
+                              L"  \"items\" : [\n"
+                              L"    {\n"
+                              L"      \"type\" : \"class AttachmentItem\",\n"
+                              L"      \"fileName\" : \"offer.pdf\"\n"
+                              L"\n"
+                              L"    },\n"
+                              L"    {\n"
+                              L"      \"type\" : \"class AttachmentItem\",\n"
+                              L"      \"fileName\" : \"Say \\\"hi\\\".txt\"\n"
+                              L"\n"
+                              L"    }\n"
+                              L"  ]\n"
+                              L"}\n");
+    EXPECT_EQ(escapeJson(L"a\"b\\c\td\ne\rf\bg"), L"a\\\"b\\\\c\\td\\ne\\rf\\bg");
+    EXPECT_EQ(escapeJson(L"\f\x01\u00E9\u20AC/"), L"\f\x01\u00E9\u20AC/") << "form feed, controls, non-ASCII as they are";
+}
+
+TEST_F(ItemFiles, JsonTextOfAMailNamesItsPropertiesAndRecipients)
+{
+    auto item = mailItem(sampleMail(), L"Re  offer.msg");
+    std::wostringstream out;
+    item->writeJson(out, 6);
+    EXPECT_EQ(out.str(), L"      \"type\" : \"class MailItem\",\n"
+                         L"      \"fileName\" : \"Re  offer.msg\",\n"
+                         L"      \"subject\" : \"Angebot \u00FCber 5\u20AC \U0001F600\",\n"
+                         L"      \"receivedAtIso\" : \"2024-03-05T07:08:09Z\",\n"
+                         L"      \"senderMailAddress\" : \"anna@example.org\",\n"
+                         L"      \"senderName\" : \"Anna Sender\",\n"
+                         L"      \"receivers\" :\n"
+                         L"        [\n"
+                         L"          {\n"
+                         L"            \"name\" : \"Bob To\",\n"
+                         L"            \"address\" : \"bob@example.org\"\n"
+                         L"          },\n"
+                         L"          {\n"
+                         L"            \"name\" : \"Eve \\\"Second\\\" To\",\n"
+                         L"            \"address\" : \"eve@example.org\"\n"
+                         L"          }\n"
+                         L"        ],\n"
+                         L"      \"cc\" :\n"
+                         L"        [\n"
+                         L"          {\n"
+                         L"            \"name\" : \"Carl Cc\",\n"
+                         L"            \"address\" : \"carl@example.org\"\n"
+                         L"          }\n"
+                         L"        ],\n"
+                         L"      \"bcc\" :\n"
+                         L"        [\n"
+                         L"          {\n"
+                         L"            \"name\" : \"Dora Bcc\",\n"
+                         L"            \"address\" : \"dora@example.org\"\n"
+                         L"          }\n"
+                         L"        ],\n");
+
+    MsgContent lonely = sampleMail();
+    lonely.recipients.clear();
+    DDItems items;
+    items.add(mailItem(lonely));
+    EXPECT_TRUE(items.toJson().ends_with(L"      \"receivers\" : [],\n      \"cc\" : [],\n      \"bcc\" : [],\n\n    }\n"
+                                         L"  ]\n}\n"))
+        << testing::PrintToString(items.toJson());
+}
+
+TEST_F(ItemFiles, MailPropertiesAreReadBeforeTheStorageGoes)
+{
+    // An empty subject is read again at each use while the storage is there.
+    MsgContent mail = sampleMail();
+    mail.subject.clear();
+    LogCapture log(LOG_INFO);
+    auto item = mailItem(mail);
+    std::wostringstream out;
+    item->writeJson(out, 6);
+    item->writeJson(out, 6);
+    const std::string text = log.contents();
+    EXPECT_NE(text.find("read message from its storage"), text.rfind("read message from its storage"));
+    // Saved (at drag start, for the clipboard) the storage is gone: what was
+    // read stays for the item list's text.
+    ASSERT_EQ(item->save(), S_OK);
+    std::wostringstream afterSave;
+    item->writeJson(afterSave, 6);
+    EXPECT_NE(afterSave.str().find(L"\"senderName\" : \"Anna Sender\""), std::wstring::npos);
+
+    // A storage that is no mail still gives its file, and empty members.
+    ComPtr<IStorage> notAMessage = makeStorageInMemory();
+    writeRawStream(notAMessage.Get(), L"something", "else");
+    auto odd = mailItem({}, L"odd.msg", notAMessage.Get());
+    EXPECT_TRUE(FAILED(odd->readMessage()));
+    std::wostringstream oddJson;
+    odd->writeJson(oddJson, 0);
+    EXPECT_NE(oddJson.str().find(L"\"subject\" : \"\""), std::wstring::npos);
+    EXPECT_EQ(odd->save(), S_OK);
+    EXPECT_TRUE(openStorageFile(folder.file(L"odd.msg")));
+}
