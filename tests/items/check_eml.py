@@ -1,14 +1,10 @@
 #!/usr/bin/env python3
-"""Reads the .eml files that Korvane's MIME writer made (items_tests writes
-them, with the .msg they came from and what that mail holds, into the folder
-named by KORVANE_EML_SAMPLES) with Python's standard email package, and,
-where msgconvert is installed, compares them with the .eml that msgconvert
-makes from the same .msg. Attached messages are checked the same way, part
-for part, at every depth.
+"""Reads the .eml files of Korvane's MIME writer (items_tests leaves them, with
+their .msg and what each mail holds, in the folder KORVANE_EML_SAMPLES names)
+with Python's email package and, where msgconvert is installed, compares them
+with msgconvert's .eml of the same .msg, part for part, at every depth.
 
-    check_eml.py FOLDER
-
-Exit status 0 when every sample passes, 1 otherwise (each failure printed).
+    check_eml.py FOLDER      (exit status 1 on any failure, each printed)
 """
 import datetime
 import email
@@ -71,21 +67,14 @@ def own_parts(part):
 
 def leaves(message):
     """(file name, bytes) of every part that carries a file, attached messages excepted."""
-    found = []
-    for part in own_parts(message):
-        if part.is_multipart() or part.get_content_type() == "message/rfc822" or part.get_filename() is None:
-            continue
-        found.append((part.get_filename(), part.get_payload(decode=True)))
-    return found
+    return [(part.get_filename(), part.get_payload(decode=True)) for part in own_parts(message)
+            if not part.is_multipart() and part.get_content_type() != "message/rfc822" and part.get_filename()]
 
 
 def attached_messages(message):
     """The message/rfc822 parts of this message's own level, as (file name, message)."""
-    found = []
-    for part in message.iter_attachments():
-        if part.get_content_type() == "message/rfc822":
-            found.append((part.get_filename(), part.get_content()))
-    return found
+    return [(part.get_filename(), part.get_content()) for part in message.iter_attachments()
+            if part.get_content_type() == "message/rfc822"]
 
 
 def part_of_type(message, content_type):

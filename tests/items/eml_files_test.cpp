@@ -182,6 +182,8 @@ TEST_F(ItemFiles, EveryKindOfMailBecomesAReadableEml)
     exchange.senderEntryId = std::string(24, '\x11');
     MsgContent trailing = withAttachments(sampleMail());
     trailing.trailingBytes = 4;
+    for (int i = 0; i < 30; ++i)
+        trailing.subject += L" word" + std::to_wstring(i); // plain ASCII, folded at blanks
     MsgContent replyTo = with(sampleMail(), {longProperty(MsgPropertyId::importance, 2)});
     replyTo.replyTo = {{1, L"Team Desk", L"desk@example.org", L"SMTP", ""}};
     MsgContent hostile = sampleMail();
@@ -245,8 +247,14 @@ TEST_F(ItemFiles, EveryKindOfMailBecomesAReadableEml)
         {L"sent-on-behalf", onBehalf(L"Chef Boss", L"SMTP", L"boss@example.org", L""),
          {"From: \"Chef Boss\" <boss@example.org>\r\nSender: \"Anna Sender\" <anna@example.org>\r\n"}},
         {L"on-behalf-of-oneself", onBehalf(L"Anna", L"SMTP", L"ANNA@example.org", L""), {}, {"Sender:"}},
-        {L"on-behalf-exchange", onBehalf(L"Boss", L"EX", L"/O=CORP/CN=BOSS", L"boss@corp.example"),
-         {"From: \"Boss\" <boss@corp.example>\r\nSender: \"Anna Sender\""}},
+        {L"on-behalf-exchange-html-cp1251",
+         [&] {
+             MsgContent mail = onBehalf(L"Boss", L"EX", L"/O=CORP/CN=BOSS", L"boss@corp.example");
+             mail.html = "<p>\xCF\xF0\xE8</p>";
+             mail.extraProperties.push_back(longProperty(MsgPropertyId::internetCodepage, 1251));
+             return mail;
+         }(),
+         {"From: \"Boss\" <boss@corp.example>\r\nSender: \"Anna Sender\"", "<p>=D0=9F=D1=80=D0=B8</p>"}},
         {L"hostile-values", hostile, {"Subject: Hi  Bcc: everyone@example.org    fake body\r\n",
                                       "Content-Type: application/octet-stream;"},
          {"\r\nBcc: everyone", "X-Evil", "Message-ID"}},

@@ -62,28 +62,40 @@ ComPtr<IStorage> withEntries(const std::string& entries, const std::vector<std::
 
 } // namespace
 
-TEST(MsgReader, MailPropertiesComeBackAsTheirTextInEitherStringWidth)
+TEST_F(ItemFiles, PropertiesComeInEitherStringWidthWithExchangeAddressesAskedOfOutlook)
 {
+    outlook.addExchangeUser(L"00DCA7", kOlExchangeUserAddressEntry, L"boss@corp.example");
+    outlook.addExchangeUser(L"AB", kOlExchangeRemoteUserAddressEntry, L"remote@corp.example");
+    outlook.addExchangeUser(L"CD", kOlSmtpAddressEntry, L"contact@corp.example");
     for (const bool unicode : {true, false}) {
         MsgContent mail = sampleMail();
         mail.unicodeStrings = unicode;
         mail.subject = unicode ? L"Gr\u00FC\u00DFe \U0001F600 \U0001D11E" : L"Quarterly numbers";
         mail.senderAddrType = L"EX";
-        mail.senderEntryId = std::string("\x00\xDC\xA7\x40", 4);
-        MailProperties read;
-        ASSERT_EQ(readPropertiesFromStorage(makeMsgInMemory(mail).Get(), read), S_OK);
+        mail.senderAddress = L"/O=CORP/CN=BOSS";
+        mail.senderEntryId = std::string("\x00\xDC\xA7", 3);
+        mail.recipients = {{1, L"Remote", L"/O=CORP/CN=REMOTE", L"EX", "\xAB"},
+                           {2, L"Contact", L"/O=CORP/CN=CONTACT", L"EX", "\xCD"},
+                           {3, L"Gone", L"/O=CORP/CN=GONE", L"EX", "\xEF"},
+                           {1, L"Plain", L"plain@example.org", L"SMTP", "\x01\x02"}};
+        auto item = mailItem(mail);
+        ASSERT_EQ(item->readMessage(), S_OK);
+        item->readMessage();
+        EXPECT_STREQ(item->readWay(), L"storage");
+        const MailProperties& read = item->properties();
         EXPECT_EQ(read.subject, mail.subject);
-        EXPECT_EQ(read.receivedAtIso, L"2024-03-05T07:08:09Z");
-        EXPECT_EQ(read.messageClass, L"IPM.Note");
-        EXPECT_EQ(read.sender.name + L"|" + read.sender.mailAddress + L"|" + read.sender.addrType + L"|" +
-                      read.sender.entryId,
-                  L"Anna Sender|anna@example.org|EX|00DCA740");
-        ASSERT_EQ(read.to.size(), 2u);
-        EXPECT_EQ(read.to[0].entryId, L"0102");
-        EXPECT_EQ(read.to[1].name, L"Eve \"Second\" To");
-        ASSERT_EQ(read.cc.size() + read.bcc.size(), 2u);
-        EXPECT_EQ(read.cc[0].mailAddress + read.bcc[0].mailAddress, L"carl@example.orgdora@example.org");
+        EXPECT_EQ(read.receivedAtIso + L" " + read.messageClass, L"2024-03-05T07:08:09Z IPM.Note");
+        EXPECT_EQ(read.sender.name + L"|" + read.sender.mailAddress + L"|" + read.sender.entryId,
+                  L"Anna Sender|boss@corp.example|00DCA7");
+        ASSERT_EQ(read.to.size() * 100 + read.cc.size() * 10 + read.bcc.size(), 211u);
+        EXPECT_EQ(read.to[0].mailAddress + L"|" + read.to[1].mailAddress + L"|" + read.to[1].entryId,
+                  L"remote@corp.example|plain@example.org|0102");
+        EXPECT_EQ(read.cc[0].mailAddress, L"contact@corp.example");
+        EXPECT_EQ(read.bcc[0].mailAddress, L"") << "never the X.500 path";
     }
+    const size_t asked = outlook.namespaceObject().calls().size();
+    ASSERT_EQ(mailItem(sampleMail())->readMessage(), S_OK);
+    EXPECT_EQ(outlook.namespaceObject().calls().size(), asked) << "SMTP addresses are not asked of Outlook";
 }
 
 TEST(MsgReader, DamagedAndHostileStoragesGiveWhatCanBeReadAndSaySo)

@@ -10,6 +10,9 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
+#define REFUSED(signature) \
+    HRESULT STDMETHODCALLTYPE signature override { return STG_E_ACCESSDENIED; }
+
 class FaultyStream final : public ComObject<IStream> {
 public:
     FaultyStream(ComPtr<IStream> real, const StorageFaults& faults) : real_(std::move(real)), faults_(faults) {}
@@ -52,16 +55,14 @@ public:
     {
         return real_->Seek(move, origin, at);
     }
-    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) override { return real_->SetSize(size); }
-    HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override
-    {
-        return E_NOTIMPL; // callers copy through Read and Write, where the faults are
-    }
     HRESULT STDMETHODCALLTYPE Commit(DWORD flags) override { return real_->Commit(flags); }
-    HRESULT STDMETHODCALLTYPE Revert() override { return real_->Revert(); }
-    HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
+    // Callers copy through Read and Write, where the faults are.
+    REFUSED(CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*))
+    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) override { return real_->SetSize(size); }
+    REFUSED(Revert())
+    REFUSED(LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD))
+    REFUSED(UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD))
+    REFUSED(Clone(IStream**))
 
 private:
     bool offers(REFIID iid) const override { return iid == IID_IStream || iid == IID_ISequentialStream; }
@@ -95,7 +96,7 @@ public:
     }
     HRESULT STDMETHODCALLTYPE Skip(ULONG count) override { return real_->Skip(count); }
     HRESULT STDMETHODCALLTYPE Reset() override { return real_->Reset(); }
-    HRESULT STDMETHODCALLTYPE Clone(IEnumSTATSTG**) override { return E_NOTIMPL; }
+    REFUSED(Clone(IEnumSTATSTG**))
 
 private:
     bool offers(REFIID iid) const override { return iid == IID_IEnumSTATSTG; }
@@ -146,30 +147,17 @@ public:
         return hr;
     }
     HRESULT STDMETHODCALLTYPE Stat(STATSTG* stat, DWORD flags) override { return real_->Stat(stat, flags); }
-    HRESULT STDMETHODCALLTYPE CreateStream(const OLECHAR*, DWORD, DWORD, DWORD, IStream**) override
-    {
-        return STG_E_ACCESSDENIED;
-    }
-    HRESULT STDMETHODCALLTYPE CreateStorage(const OLECHAR*, DWORD, DWORD, DWORD, IStorage**) override
-    {
-        return STG_E_ACCESSDENIED;
-    }
-    HRESULT STDMETHODCALLTYPE CopyTo(DWORD, const IID*, SNB, IStorage*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*, DWORD) override
-    {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE Commit(DWORD flags) override { return real_->Commit(flags); }
     HRESULT STDMETHODCALLTYPE Revert() override { return real_->Revert(); }
-    HRESULT STDMETHODCALLTYPE DestroyElement(const OLECHAR*) override { return STG_E_ACCESSDENIED; }
-    HRESULT STDMETHODCALLTYPE RenameElement(const OLECHAR*, const OLECHAR*) override { return STG_E_ACCESSDENIED; }
-    HRESULT STDMETHODCALLTYPE SetElementTimes(const OLECHAR*, const FILETIME*, const FILETIME*,
-                                              const FILETIME*) override
-    {
-        return STG_E_ACCESSDENIED;
-    }
-    HRESULT STDMETHODCALLTYPE SetClass(REFCLSID) override { return STG_E_ACCESSDENIED; }
-    HRESULT STDMETHODCALLTYPE SetStateBits(DWORD, DWORD) override { return STG_E_ACCESSDENIED; }
+    REFUSED(CreateStream(const OLECHAR*, DWORD, DWORD, DWORD, IStream**))
+    REFUSED(CreateStorage(const OLECHAR*, DWORD, DWORD, DWORD, IStorage**))
+    REFUSED(CopyTo(DWORD, const IID*, SNB, IStorage*))
+    REFUSED(MoveElementTo(const OLECHAR*, IStorage*, const OLECHAR*, DWORD))
+    REFUSED(DestroyElement(const OLECHAR*))
+    REFUSED(RenameElement(const OLECHAR*, const OLECHAR*))
+    REFUSED(SetElementTimes(const OLECHAR*, const FILETIME*, const FILETIME*, const FILETIME*))
+    REFUSED(SetClass(REFCLSID))
+    REFUSED(SetStateBits(DWORD, DWORD))
 
 private:
     bool offers(REFIID iid) const override { return iid == IID_IStorage; }

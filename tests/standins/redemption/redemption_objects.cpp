@@ -22,7 +22,6 @@ namespace {
 
 const Logger logger("RedemptionStandIn");
 
-constexpr uint16_t idMessageClass = 0x001A;
 constexpr uint16_t idSubject = 0x0037;
 constexpr uint16_t idBody = 0x1000;
 
@@ -33,8 +32,8 @@ bool switchSays(const wchar_t* value)
     return length > 0 && length < 64 && lstrcmpiW(text, value) == 0;
 }
 
-// One mail as opened from its file. The file stays open (shared for reading,
-// as the real library holds it) for as long as a mail object uses it.
+// One mail as opened from its file, which stays open (shared for reading, as
+// the real library holds it) for as long as a mail object uses it.
 struct OpenedMail {
     std::wstring path;
     ComPtr<IStorage> storage;
@@ -42,9 +41,8 @@ struct OpenedMail {
 };
 
 // DispatchStandIn::create hands its object over with ComPtr::Attach, which in
-// MinGW's WRL adds a reference of its own (Microsoft's does not). A mail
-// object holds its .msg file open, so a surplus reference would keep the file
-// locked after the caller let go; it is taken back here.
+// MinGW's WRL adds a reference of its own (Microsoft's does not); a mail
+// object holding its file open would keep it locked, so it is taken back here.
 ComPtr<DispatchStandIn> newObject(const wchar_t* typeName)
 {
     ComPtr<DispatchStandIn> object = DispatchStandIn::create(typeName);
@@ -54,69 +52,37 @@ ComPtr<DispatchStandIn> newObject(const wchar_t* typeName)
     return object;
 }
 
-std::wstring textOf(const StoredMessage& message, uint16_t id)
+std::string textOf(const StoredMessage& message, uint16_t id)
 {
     const StoredProperty* property = findStoredProperty(message.properties, id);
-    return property ? propertyText(property->tag, property->bytes) : std::wstring();
-}
-
-std::wstring classOf(const OpenedMail& mail, bool decrypted)
-{
-    const std::wstring messageClass = textOf(mail.message, idMessageClass);
-    return decrypted && messageClass.find(L".SMIME") != std::wstring::npos ? std::wstring(L"IPM.Note")
-                                                                           : messageClass;
-}
-
-HRESULT writeTextFile(const std::wstring& path, const std::string& text)
-{
-    UniqueFile file(
-        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
-        return HRESULT_FROM_WIN32(GetLastError());
-    DWORD written = 0;
-    if (!WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr))
-        return HRESULT_FROM_WIN32(GetLastError());
-    return written == text.size() ? S_OK : STG_E_WRITEFAULT;
+    return property ? wideToUtf8(propertyText(property->tag, property->bytes)) : std::string();
 }
 
 HRESULT saveMail(const OpenedMail& mail, bool decrypted, const std::vector<VARIANT>& args)
 {
-    if (switchSays(standInRedemptionFailSaveAs)) {
-        KV_INFO(logger) << "SaveAs fails as " << standInRedemptionSwitch << " asks";
-        return standInRedemptionSaveAsError;
-    }
-    if (args.empty() || args.size() > 2)
-        return DISP_E_BADPARAMCOUNT;
     std::wstring target;
-    if (FAILED(argumentText(args[0], target)) || target.empty())
-        return DISP_E_TYPEMISMATCH;
     LONG type = standInRedemptionSaveAsMsg;
-    if (args.size() == 2 && !argumentMissing(args[1]) && FAILED(argumentNumber(args[1], type)))
+    if (switchSays(standInRedemptionFailSaveAs))
+        return standInRedemptionSaveAsError;
+    if (args.size() != 2 || FAILED(argumentText(args[0], target)) || FAILED(argumentNumber(args[1], type)))
         return DISP_E_TYPEMISMATCH;
-
-    HRESULT hr = S_OK;
     if (type == standInRedemptionSaveAsMsg)
-        hr = decrypted ? writeDecryptedCopy(mail.path, target) : copyMsgFile(mail.path, target);
-    else
-        hr = writeTextFile(target, "Subject: " + wideToUtf8(textOf(mail.message, idSubject)) + "\r\n\r\n" +
-                                       wideToUtf8(textOf(mail.message, idBody)) + "\r\n");
-    KV_DEBUG(logger) << "SaveAs " << target << ", type=" << type << ", decrypted=" << decrypted << ", hr=" << hr;
-    return hr;
+        return decrypted ? writeDecryptedCopy(mail.path, target) : copyMsgFile(mail.path, target);
+    const std::string text = "Subject: " + textOf(mail.message, idSubject) + "\r\n\r\n" + textOf(mail.message, idBody);
+    UniqueFile file(CreateFileW(target.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    DWORD written = 0;
+    return file && WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)
+               ? S_OK
+               : HRESULT_FROM_WIN32(GetLastError());
 }
 
 ComPtr<IDispatch> createMail(std::shared_ptr<const OpenedMail> mail, bool decrypted)
 {
     ComPtr<DispatchStandIn> object = newObject(decrypted ? L"RDOMail (decrypted)" : L"RDOMail");
-    object->property(L"Subject", [mail] { return variant(textOf(mail->message, idSubject)); });
-    object->property(L"Body", [mail] { return variant(textOf(mail->message, idBody)); });
-    object->property(L"MessageClass", [mail, decrypted] { return variant(classOf(*mail, decrypted)); });
-    object->method(L"GetDecryptedMessage", [mail](const std::vector<VARIANT>& args, VARIANT* result) -> HRESULT {
-        if (!args.empty())
-            return DISP_E_BADPARAMCOUNT;
-        if (switchSays(standInRedemptionFailDecrypt)) {
-            KV_INFO(logger) << "GetDecryptedMessage fails as " << standInRedemptionSwitch << " asks";
+    object->property(L"Body", [mail] { return variant(utf8ToWide(textOf(mail->message, idBody))); });
+    object->method(L"GetDecryptedMessage", [mail](const std::vector<VARIANT>&, VARIANT* result) -> HRESULT {
+        if (switchSays(standInRedemptionFailDecrypt))
             return standInRedemptionDecryptError;
-        }
         return variant(createMail(mail, true).Get()).copyTo(result);
     });
     object->method(L"SaveAs", [mail, decrypted](const std::vector<VARIANT>& args, VARIANT*) {
@@ -127,23 +93,16 @@ ComPtr<IDispatch> createMail(std::shared_ptr<const OpenedMail> mail, bool decryp
 
 HRESULT openMailFile(const std::vector<VARIANT>& args, VARIANT* result)
 {
-    if (args.size() != 1)
-        return DISP_E_BADPARAMCOUNT;
     auto mail = std::make_shared<OpenedMail>();
-    if (FAILED(argumentText(args[0], mail->path)) || mail->path.empty())
+    if (args.size() != 1 || FAILED(argumentText(args[0], mail->path)))
         return DISP_E_TYPEMISMATCH;
     HRESULT hr = StgOpenStorageEx(mail->path.c_str(), STGM_READ | STGM_SHARE_DENY_WRITE, STGFMT_ANY, 0, nullptr,
                                   nullptr, IID_IStorage, reinterpret_cast<void**>(mail->storage.GetAddressOf()));
+    if (SUCCEEDED(hr))
+        hr = readStoredMessage(mail->storage.Get(), mail->message);
     if (FAILED(hr)) {
-        KV_WARN(logger) << "GetMessageFromMsgFile: " << mail->path << " doesn't open as a storage, hr=" << hr;
-        return hr;
-    }
-    hr = readStoredMessage(mail->storage.Get(), mail->message);
-    // A compound file without message properties opens as an empty mail, the
-    // way MAPI opens a new message on an empty storage.
-    if (FAILED(hr) && hr != STG_E_FILENOTFOUND) {
         KV_WARN(logger) << "GetMessageFromMsgFile: " << mail->path << " is no readable message, hr=" << hr;
-        return standInRedemptionCorruptMessage;
+        return hr == STG_E_FILENOTFOUND ? hr : standInRedemptionCorruptMessage;
     }
     return variant(createMail(std::move(mail), false).Get()).copyTo(result);
 }

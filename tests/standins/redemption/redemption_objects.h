@@ -11,7 +11,7 @@
 //   GetMessageFromMsgFile(path) a mail object over that .msg file.
 // Mail members:
 //   GetDecryptedMessage()       a mail object that reads as decrypted.
-//   Body, Subject, MessageClass property gets, as text.
+//   Body                        property get, as text.
 //   SaveAs(path, type)          type 3: the .msg (decrypted when the mail is);
 //                               any other type: the subject and body as Internet mail text.
 Microsoft::WRL::ComPtr<IDispatch> createRedemptionSession();
