@@ -13,30 +13,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-// An item whose save and prepare answer what the test says and note the call.
-class ScriptedItem : public DDItem {
-public:
-    ScriptedItem(std::wstring name, HRESULT result, std::vector<std::wstring>& journal)
-        : DDItem(std::move(name)), result_(result), journal_(journal)
-    {
-    }
-    ~ScriptedItem() override { journal_.push_back(L"delete " + fileName_); }
-    HRESULT save() override { return note(L"save "); }
-    HRESULT prepareFile() override { return note(L"prepare "); }
-
-protected:
-    const char* typeName() const override { return "ScriptedItem"; }
-
-private:
-    HRESULT note(const wchar_t* what)
-    {
-        journal_.push_back(what + fileName_);
-        return result_;
-    }
-    HRESULT result_;
-    std::vector<std::wstring>& journal_;
-};
-
 ULONGLONG positionOf(IStream* stream)
 {
     ULARGE_INTEGER position{};
@@ -106,43 +82,65 @@ TEST(AttachmentFiles, TheStreamsBytesUnchangedAndOutlooksStreamRewound)
     }
 }
 
-TEST(ItemList, ASaveOrPrepareThatFailsStopsTheListThereWarningsDoNot)
+TEST(ItemList, AFailedSaveEndsTheListsSavingThere)
 {
-    std::vector<std::wstring> journal;
-    {
-        DDItems items;
-        EXPECT_EQ(items.save(), S_OK);
-        EXPECT_EQ(items.prepareFiles(), S_OK);
-        items.add(std::make_unique<ScriptedItem>(L"a", S_FALSE, journal));
-        items.add(std::make_unique<ScriptedItem>(L"b", STG_E_MEDIUMFULL, journal));
-        items.add(std::make_unique<ScriptedItem>(L"c", S_OK, journal));
-        EXPECT_EQ(items.save(), STG_E_MEDIUMFULL);
-        EXPECT_EQ(items.prepareFiles(), STG_E_MEDIUMFULL);
-        items.release();
-        EXPECT_TRUE(items.empty());
-        journal.push_back(L"released");
-    }
-    EXPECT_EQ(journal, (std::vector<std::wstring>{L"save a", L"save b", L"prepare a", L"prepare b", L"delete a",
-                                                  L"delete b", L"delete c", L"released"}));
+    ScratchFolder folder;
+    StorageFaults fails;
+    fails.failAfterBytes = 0;
+    DDItems items;
+    EXPECT_EQ(items.save(), S_OK);
+    items.add(std::make_unique<AttachmentItem>(folder.file(L"a.txt"), memoryStream("first").Get()));
+    items.add(std::make_unique<AttachmentItem>(folder.file(L"b.txt"),
+                                               wrapStreamWithFaults(memoryStream("second").Get(), fails).Get()));
+    items.add(std::make_unique<AttachmentItem>(folder.file(L"c.txt"), memoryStream("third").Get()));
+    EXPECT_EQ(items.prepareFiles(), S_OK);
+    EXPECT_EQ(items.save(), STG_E_READFAULT);
+    EXPECT_EQ(readBytes(folder.file(L"a.txt")) + "|" + readBytes(folder.file(L"b.txt")) + "|" +
+                  readBytes(folder.file(L"c.txt")),
+              std::string("first|\0\0\0\0\0\0|\0\0\0\0\0", 18));
+    items.release();
+    EXPECT_TRUE(items.empty());
 }
 
-TEST(ItemList, JsonTextOfAttachmentsEscapesOnlyTheListedCharacters)
+// Items of both kinds in one text: names and values escaped, lists empty or
+// not, a comma between items and none after the last.
+TEST_F(ItemFiles, JsonTextNamesEachItemsFileAndEachMailsPropertiesAndRecipients)
 {
     DDItems items;
     EXPECT_EQ(items.toJson(), L"{\n  \"items\" : [\n  ]\n}\n");
-    ScratchFolder folder;
-    items.add(std::make_unique<AttachmentItem>(folder.file(L"offer.pdf"), memoryStream("x").Get()));
     items.add(std::make_unique<AttachmentItem>(folder.file(L"Say \"hi\".txt"), memoryStream("y").Get()));
+    MsgContent mail = sampleMail();
+    mail.recipients = {mail.recipients[3], mail.recipients[1]};
+    items.add(mailItem(mail, L"Re  offer.msg"));
     EXPECT_EQ(items.toJson(), L"{\n"
                               L"  \"items\" : [\n"
                               L"    {\n"
                               L"      \"type\" : \"class AttachmentItem\",\n"
-                              L"      \"fileName\" : \"offer.pdf\"\n"
+                              L"      \"fileName\" : \"Say \\\"hi\\\".txt\"\n"
                               L"\n"
                               L"    },\n"
                               L"    {\n"
-                              L"      \"type\" : \"class AttachmentItem\",\n"
-                              L"      \"fileName\" : \"Say \\\"hi\\\".txt\"\n"
+                              L"      \"type\" : \"class MailItem\",\n"
+                              L"      \"fileName\" : \"Re  offer.msg\",\n"
+                              L"      \"subject\" : \"Angebot \u00FCber 5\u20AC \U0001F600\",\n"
+                              L"      \"receivedAtIso\" : \"2024-03-05T07:08:09Z\",\n"
+                              L"      \"senderMailAddress\" : \"anna@example.org\",\n"
+                              L"      \"senderName\" : \"Anna Sender\",\n"
+                              L"      \"receivers\" :\n"
+                              L"        [\n"
+                              L"          {\n"
+                              L"            \"name\" : \"Eve \\\"Second\\\" To\",\n"
+                              L"            \"address\" : \"eve@example.org\"\n"
+                              L"          }\n"
+                              L"        ],\n"
+                              L"      \"cc\" :\n"
+                              L"        [\n"
+                              L"          {\n"
+                              L"            \"name\" : \"Carl Cc\",\n"
+                              L"            \"address\" : \"carl@example.org\"\n"
+                              L"          }\n"
+                              L"        ],\n"
+                              L"      \"bcc\" : [],\n"
                               L"\n"
                               L"    }\n"
                               L"  ]\n"
@@ -151,72 +149,16 @@ TEST(ItemList, JsonTextOfAttachmentsEscapesOnlyTheListedCharacters)
     EXPECT_EQ(escapeJson(L"\f\x01\u00E9\u20AC/"), L"\f\x01\u00E9\u20AC/") << "form feed, controls, non-ASCII as they are";
 }
 
-TEST_F(ItemFiles, JsonTextOfAMailNamesItsPropertiesAndRecipients)
-{
-    auto item = mailItem(sampleMail(), L"Re  offer.msg");
-    std::wostringstream out;
-    item->writeJson(out, 6);
-    EXPECT_EQ(out.str(), L"      \"type\" : \"class MailItem\",\n"
-                         L"      \"fileName\" : \"Re  offer.msg\",\n"
-                         L"      \"subject\" : \"Angebot \u00FCber 5\u20AC \U0001F600\",\n"
-                         L"      \"receivedAtIso\" : \"2024-03-05T07:08:09Z\",\n"
-                         L"      \"senderMailAddress\" : \"anna@example.org\",\n"
-                         L"      \"senderName\" : \"Anna Sender\",\n"
-                         L"      \"receivers\" :\n"
-                         L"        [\n"
-                         L"          {\n"
-                         L"            \"name\" : \"Bob To\",\n"
-                         L"            \"address\" : \"bob@example.org\"\n"
-                         L"          },\n"
-                         L"          {\n"
-                         L"            \"name\" : \"Eve \\\"Second\\\" To\",\n"
-                         L"            \"address\" : \"eve@example.org\"\n"
-                         L"          }\n"
-                         L"        ],\n"
-                         L"      \"cc\" :\n"
-                         L"        [\n"
-                         L"          {\n"
-                         L"            \"name\" : \"Carl Cc\",\n"
-                         L"            \"address\" : \"carl@example.org\"\n"
-                         L"          }\n"
-                         L"        ],\n"
-                         L"      \"bcc\" :\n"
-                         L"        [\n"
-                         L"          {\n"
-                         L"            \"name\" : \"Dora Bcc\",\n"
-                         L"            \"address\" : \"dora@example.org\"\n"
-                         L"          }\n"
-                         L"        ],\n");
-
-    MsgContent lonely = sampleMail();
-    lonely.recipients.clear();
-    DDItems items;
-    items.add(mailItem(lonely));
-    EXPECT_TRUE(items.toJson().ends_with(L"      \"receivers\" : [],\n      \"cc\" : [],\n      \"bcc\" : [],\n\n    }\n"
-                                         L"  ]\n}\n"))
-        << testing::PrintToString(items.toJson());
-}
-
+// Saved at the drag's start (for the clipboard), the storage is gone: what
+// was read stays for the text. A storage that is no mail still gives its file.
 TEST_F(ItemFiles, MailPropertiesAreReadBeforeTheStorageGoes)
 {
-    // An empty subject is read again at each use while the storage is there.
-    MsgContent mail = sampleMail();
-    mail.subject.clear();
-    LogCapture log(LOG_INFO);
-    auto item = mailItem(mail);
-    std::wostringstream out;
-    item->writeJson(out, 6);
-    item->writeJson(out, 6);
-    const std::string text = log.contents();
-    EXPECT_NE(text.find("read message from its storage"), text.rfind("read message from its storage"));
-    // Saved (at drag start, for the clipboard) the storage is gone: what was
-    // read stays for the item list's text.
+    auto item = mailItem(sampleMail());
     ASSERT_EQ(item->save(), S_OK);
     std::wostringstream afterSave;
     item->writeJson(afterSave, 6);
     EXPECT_NE(afterSave.str().find(L"\"senderName\" : \"Anna Sender\""), std::wstring::npos);
 
-    // A storage that is no mail still gives its file, and empty members.
     ComPtr<IStorage> notAMessage = makeStorageInMemory();
     writeRawStream(notAMessage.Get(), L"something", "else");
     auto odd = mailItem({}, L"odd.msg", notAMessage.Get());

@@ -4,7 +4,6 @@
 // of RTF bodies, code pages and reply-to entry lists.
 #include "item_files.h"
 
-#include "install/base64.h"
 #include "items/code_page.h"
 #include "items/eml_headers.h"
 #include "items/flat_entry_list.h"
@@ -15,7 +14,6 @@
 #include "items/property_text.h"
 #include "items/rtf_compressed.h"
 #include "items/rtf_text.h"
-#include "support/faulty_storage.h"
 
 namespace {
 
@@ -183,31 +181,9 @@ TEST(TextUnits, MimePartsFollowTheStrictDelimiterRules)
     EXPECT_TRUE(mime.body(*mime.root().children[0]).starts_with("X-Header-100: 100\r\n"));
     EXPECT_EQ(mime.body(*mime.root().children[98]), "part 98");
     EXPECT_TRUE(mime.body(*mime.root().children[99]).starts_with("part 99\r\n--sep\r\n"));
-
-    const struct {
-        std::string input;
-        size_t from;
-        MimeMultipart::BoundaryKind kind;
-        size_t begin, end;
-    } delimiters[] = {
-        {"\r\n--b\r\nX", 0, MimeMultipart::BEGIN_BOUNDARY, 0, 7},
-        {"x\r\n--b--\r\n.", 0, MimeMultipart::END_BOUNDARY, 1, 10},
-        {"--b\r\nXXXX", 0, MimeMultipart::NOT_FOUND, std::string::npos, std::string::npos},
-        {"x\r\n--b\r\n", 0, MimeMultipart::NOT_FOUND, std::string::npos, std::string::npos},
-        {"\r\n--bc\r\nX", 0, MimeMultipart::NOT_FOUND, std::string::npos, std::string::npos},
-        {"see b here\r\n--b\r\nX", 0, MimeMultipart::NOT_FOUND, std::string::npos, std::string::npos},
-        {"see b here\r\n--b\r\nX", 6, MimeMultipart::BEGIN_BOUNDARY, 10, 17},
-    };
-    for (const auto& row : delimiters) {
-        size_t begin = 0, end = 0;
-        EXPECT_EQ(MimeMultipart::findBoundary(row.input.data(), row.input.size(), "b", row.from, begin, end), row.kind)
-            << row.input;
-        EXPECT_EQ(begin, row.begin) << row.input;
-        EXPECT_EQ(end, row.end) << row.input;
-    }
 }
 
-TEST(TextUnits, HeaderFieldsOfTheEmlWriter)
+TEST(TextUnits, HeaderFieldsAndBodyEncodingsOfTheEmlWriter)
 {
     const FILETIME noTime{0xFFFFFFFF, 0xFFFFFFFF};
     const struct {
@@ -239,6 +215,10 @@ TEST(TextUnits, HeaderFieldsOfTheEmlWriter)
         {mimeDate(utcFileTime(2024, 3, 5, 7, 8, 9)), "Tue, 05 Mar 2024 07:08:09 +0000"},
         {mimeDate(utcFileTime(1999, 12, 31, 23, 59, 59)), "Fri, 31 Dec 1999 23:59:59 +0000"},
         {mimeDate(noTime), ""},
+        {normalizeLineBreaks("a\nb\rc\r\nd\n\re"), "a\r\nb\r\nc\r\nd\r\n\r\ne"},
+        {encodeQuotedPrintable("a=b \xC3\xBC\r\nblank \r\ntab\t\r\n\r\n"), "a=3Db =C3=BC\r\nblank=20\r\ntab=09\r\n\r\n"},
+        {encodeQuotedPrintable(std::string(100, 'x')), std::string(75, 'x') + "=\r\n" + std::string(25, 'x')},
+        {encodeQuotedPrintable("=="), "=3D=3D"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(row.written, row.expected);
@@ -248,45 +228,6 @@ TEST(TextUnits, HeaderFieldsOfTheEmlWriter)
     const std::string sections = mimeParameter("filename", longName);
     EXPECT_TRUE(contains(sections, ";\r\n filename*0*=utf-8''%C3%BCberlange-%C3%BC") && contains(sections, "filename*3*="))
         << sections;
-}
-
-TEST(TextUnits, TransferEncodingsOfTheEmlWriter)
-{
-    const struct {
-        std::string text, encoded;
-    } rows[] = {
-        {normalizeLineBreaks("a\nb\rc\r\nd\n\re"), "a\r\nb\r\nc\r\nd\r\n\r\ne"},
-        {encodeQuotedPrintable("a=b \xC3\xBC\r\nblank \r\ntab\t\r\n\r\n"), "a=3Db =C3=BC\r\nblank=20\r\ntab=09\r\n\r\n"},
-        {encodeQuotedPrintable(std::string(100, 'x')), std::string(75, 'x') + "=\r\n" + std::string(25, 'x')},
-        {encodeQuotedPrintable("=="), "=3D=3D"},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(row.text, row.encoded);
-
-    const std::string bytes = patternBytes(3 * 1024 * 1024 + 5, 9);
-    std::string text, fromStream;
-    int pieces = 0;
-    ASSERT_EQ(writeBase64Lines(bytes, [&](std::string_view piece) { return ++pieces, text += piece, S_OK; }), S_OK);
-    EXPECT_GT(pieces, 1) << "handed over in pieces, not as one string";
-    EXPECT_EQ(text.substr(0, 78), encodeBase64(bytes.substr(0, 57)) + "\r\n");
-    EXPECT_TRUE(decodeBase64(text) == bytes);
-    ULONGLONG read = 0;
-    const auto stream = memoryStream(bytes);
-    ASSERT_EQ(writeBase64LinesFromStream(stream.Get(), [&](std::string_view piece) { return fromStream += piece, S_OK; },
-                                         read),
-              S_OK);
-    EXPECT_EQ(read, bytes.size());
-    EXPECT_TRUE(fromStream == text);
-
-    pieces = 0;
-    EXPECT_EQ(writeBase64Lines(bytes, [&](std::string_view) { return ++pieces, STG_E_MEDIUMFULL; }), STG_E_MEDIUMFULL);
-    EXPECT_EQ(pieces, 1) << "stopped at the first failed write";
-    StorageFaults faults;
-    faults.failAfterBytes = 2000;
-    EXPECT_EQ(writeBase64LinesFromStream(wrapStreamWithFaults(memoryStream(bytes).Get(), faults).Get(),
-                                         [&](std::string_view) { return ++pieces, S_OK; }, read),
-              STG_E_READFAULT);
-    EXPECT_EQ(pieces, 1) << "nothing half-read handed on";
 }
 
 TEST(TextUnits, CompressedRtfDecodesByteExactAndBoundsDamage)

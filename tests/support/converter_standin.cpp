@@ -77,7 +77,6 @@ public:
 
     HRESULT STDMETHODCALLTYPE MAPIToMIMEStm(LPMESSAGE message, LPSTREAM stream, ULONG flags) override
     {
-        ++activity_->conversionCalls;
         activity_->conversionFlags.push_back(flags);
         if (!message || !stream || !freeBuffer_)
             return E_INVALIDARG;
@@ -102,11 +101,7 @@ public:
     HRESULT STDMETHODCALLTYPE SetCharset(BOOL, void*, int) override { return S_OK; }
 
 private:
-    bool offers(REFIID iid) const override
-    {
-        return iid == IID_KvConverterSession &&
-               activity_->creationFailure != ConverterCreationFailure::NoConverterInterface;
-    }
+    bool offers(REFIID iid) const override { return iid == IID_KvConverterSession; }
 
     LPFREEBUFFER freeBuffer_;
     std::shared_ptr<ConverterActivity> activity_;
@@ -120,9 +115,6 @@ public:
     }
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID iid, void** object) override
     {
-        *object = nullptr;
-        if (activity_->creationFailure == ConverterCreationFailure::ClassNotRegistered)
-            return REGDB_E_CLASSNOTREG; // as on a machine without Outlook
         ComPtr<IConverterSession> converter;
         converter = adoptCom(new ConverterStandIn(freeBuffer_, activity_));
         return converter->QueryInterface(iid, object);
@@ -140,14 +132,15 @@ private:
 
 ConverterRegistration::ConverterRegistration(LPFREEBUFFER freeBuffer) : activity_(std::make_shared<ConverterActivity>())
 {
-    ComPtr<IClassFactory> factory;
-    factory = adoptCom(new ConverterFactory(freeBuffer, activity_));
-    registration_ = CoRegisterClassObject(CLSID_KvConverterSession, factory.Get(), CLSCTX_INPROC_SERVER,
-                                          REGCLS_MULTIPLEUSE, &cookie_);
+    factory_ = adoptCom(new ConverterFactory(freeBuffer, activity_));
+    setRegistered(true);
 }
 
-ConverterRegistration::~ConverterRegistration()
+void ConverterRegistration::setRegistered(bool registered)
 {
-    if (SUCCEEDED(registration_))
+    if (cookie_)
         CoRevokeClassObject(cookie_);
+    cookie_ = 0;
+    if (registered)
+        CoRegisterClassObject(CLSID_KvConverterSession, factory_.Get(), CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_);
 }

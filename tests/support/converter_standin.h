@@ -10,22 +10,15 @@
 
 #include <windows.h>
 #include <mapidefs.h>
+#include <wrl/client.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
-enum class ConverterCreationFailure {
-    None,
-    ClassNotRegistered,   // the class factory answers REGDB_E_CLASSNOTREG
-    NoConverterInterface, // the object exists but refuses IID_KvConverterSession
-};
-
 struct ConverterActivity {
-    ConverterCreationFailure creationFailure = ConverterCreationFailure::None;
     bool conversionFails = false;       // MAPIToMIMEStm writes half the mail, then fails
-    ULONG conversionCalls = 0;          // failed ones included
-    std::vector<ULONG> conversionFlags; // of each call
+    std::vector<ULONG> conversionFlags; // of each call, failed ones included
     std::string lastMime;               // the whole mail of the last call
 };
 
@@ -33,16 +26,17 @@ class ConverterRegistration {
 public:
     // `freeBuffer`: the MAPIFreeBuffer of the MAPI the messages come from.
     explicit ConverterRegistration(LPFREEBUFFER freeBuffer);
-    ~ConverterRegistration();
+    ~ConverterRegistration() { setRegistered(false); }
     ConverterRegistration(const ConverterRegistration&) = delete;
     ConverterRegistration& operator=(const ConverterRegistration&) = delete;
 
-    void setCreationFailure(ConverterCreationFailure failure) { activity_->creationFailure = failure; }
+    // Unregistered, CoCreateInstance finds no class, as on a machine without Outlook.
+    void setRegistered(bool registered);
     void setConversionFails(bool fails) { activity_->conversionFails = fails; }
     const ConverterActivity& activity() const { return *activity_; }
 
 private:
     std::shared_ptr<ConverterActivity> activity_;
-    HRESULT registration_ = E_FAIL;
+    Microsoft::WRL::ComPtr<IClassFactory> factory_;
     DWORD cookie_ = 0;
 };

@@ -1,6 +1,6 @@
 // The exports of the stand-in mapi32.dll. The add-in binds the MAPI functions
-// by ordinal (59, 198, 13, 15, 17), so the .def file pins those; the
-// StandIn* functions let a test see that a call really came through here.
+// by ordinal (59, 198, 13, 15, 17), so the .def file pins those;
+// StandInLiveAllocations lets a test see that every buffer was given back.
 #include "mapi_standin.h"
 #include "message_on_storage.h"
 
@@ -8,7 +8,6 @@
 
 #include <mapicode.h>
 
-#include <atomic>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -16,8 +15,6 @@
 namespace {
 
 const Logger logger("MapiStandIn");
-
-std::atomic<ULONG> openCount{0};
 
 // MAPI's linked allocation: a block from MAPIAllocateBuffer owns the blocks
 // allocated "more" on it, and MAPIFreeBuffer on it frees them all. Parents
@@ -108,7 +105,6 @@ extern "C" SCODE STDAPICALLTYPE OpenIMsgOnIStg(LPMSGSESS, LPALLOCATEBUFFER alloc
                                                LPFREEBUFFER freeBuffer, LPMALLOC, LPVOID, LPSTORAGE storage,
                                                MSGCALLRELEASE*, ULONG, ULONG, LPMESSAGE* message)
 {
-    ++openCount;
     if (!message)
         return MAPI_E_INVALID_PARAMETER;
     *message = nullptr;
@@ -119,11 +115,6 @@ extern "C" SCODE STDAPICALLTYPE OpenIMsgOnIStg(LPMSGSESS, LPALLOCATEBUFFER alloc
     if (!allocateBuffer || !allocateMore || !freeBuffer || !storage)
         return MAPI_E_INVALID_PARAMETER;
     return openMessageOnStorage(storage, MapiAllocators{allocateBuffer, allocateMore, freeBuffer}, message);
-}
-
-extern "C" ULONG WINAPI StandInOpenCount()
-{
-    return openCount.load();
 }
 
 extern "C" ULONG WINAPI StandInLiveAllocations()
