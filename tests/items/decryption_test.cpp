@@ -116,7 +116,7 @@ TEST_F(ItemFiles, WithoutDecryptionTheMailIsSavedAsItIsAndWithoutOutlookNotAtAll
     EXPECT_EQ(filesIn(folder.path()), std::vector<std::wstring>{L"as-is.msg"});
 }
 
-TEST_F(ItemFiles, RedemptionComesOnlyFromTheAddinsFolderAndTheNoticesFromTheBundle)
+TEST_F(ItemFiles, RedemptionComesOnlyFromTheAddinsFolder)
 {
     ScratchFolder addinFolder, elsewhere;
     AddinCopy addin(addinFolder);
@@ -129,9 +129,4 @@ TEST_F(ItemFiles, RedemptionComesOnlyFromTheAddinsFolderAndTheNoticesFromTheBund
     EXPECT_FALSE(settings.decryptMail().newRedemptionSession());
     SetCurrentDirectoryW(previous);
     EXPECT_EQ(GetModuleHandleW(elsewhere.file(redemptionFileName()).c_str()), nullptr);
-
-    writeBytes(addinFolder.file(L"resource_en.txt"),
-               "notifyDecryptionFailed = Could not decrypt\nnotifyErrorTitle = Oops\n");
-    EXPECT_EQ(settings.decryptMail().notifyDecryptionFailed(), L"Could not decrypt");
-    EXPECT_EQ(settings.decryptMail().notifyErrorTitle(), L"Oops");
 }

@@ -16,14 +16,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-std::string patterned(size_t size, unsigned seed)
-{
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>((i * 7 + seed * 13 + i / 251) & 0xFF);
-    return bytes;
-}
-
 // A storage of streams by name; "a/b" makes stream b in storage a.
 ComPtr<IStorage> storageOf(const std::vector<std::pair<std::wstring, std::string>>& streams, const CLSID& clsid = {})
 {
@@ -53,7 +45,7 @@ const CLSID messageClass = {0x00020D0B, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00,
 TEST_F(ItemFiles, MsgFileHoldsEveryStreamOfTheSourceInASoundFile)
 {
     MsgContent attachments = sampleMail();
-    attachments.attachments = {{L"report.pdf", patterned(3 * 1024 * 1024 + 17, 1), L"application/pdf"},
+    attachments.attachments = {{L"report.pdf", patternBytes(3 * 1024 * 1024 + 17, 1), L"application/pdf"},
                                {L"empty.txt", "", L"text/plain"},
                                {L"Pr\u00E4sentation \u20AC.txt", "line one\r\n", L"text/plain"}};
     MsgContent nested = sampleMail();
@@ -61,13 +53,13 @@ TEST_F(ItemFiles, MsgFileHoldsEveryStreamOfTheSourceInASoundFile)
     MsgContent crowded = sampleMail();
     for (int i = 0; i < 40; ++i) {
         crowded.recipients.push_back({1, L"R" + std::to_wstring(i), L"r@x.org", L"SMTP", ""});
-        crowded.attachments.push_back({L"a" + std::to_wstring(i) + L".txt", patterned(i * 150, i), L"text/plain"});
+        crowded.attachments.push_back({L"a" + std::to_wstring(i) + L".txt", patternBytes(i * 150, i), L"text/plain"});
     }
     std::vector<std::pair<std::wstring, std::string>> oddNames;
     for (const wchar_t* name : {L"\x0001" L"CompObj", L"Gr\x00FC\x00DF" L"e", L"\x041F\x0440\x0438", L"\xD834\xDD1E clef",
                                 L"A_B", L"AaB", L"A[B", L"A^B", L"AzB", L"A`B", L"abcdefghijklmnopqrstuvwxyz01234",
                                 L"\x00C9t\x00E9/ABCDEFGHIJKLMNOPQRSTUVWXYZ_____"})
-        oddNames.push_back({name, patterned(10 + oddNames.size() * 700, 3)});
+        oddNames.push_back({name, patternBytes(10 + oddNames.size() * 700, 3)});
     StorageFaults lying;
     lying.statExtraBytes = 5000; // Stat claims more than the streams hold, Read gives a few bytes a call
     lying.maxBytesPerRead = 7;
@@ -81,13 +73,13 @@ TEST_F(ItemFiles, MsgFileHoldsEveryStreamOfTheSourceInASoundFile)
         {"hundred siblings", makeMsgInMemory(crowded), &crowded},
         {"names sorted by length then upper case", storageOf(oddNames, messageClass), nullptr},
         {"streams around the mini stream cutoff",
-         storageOf({{L"empty", ""}, {L"below", patterned(4095, 1)}, {L"at", patterned(4096, 2)},
-                    {L"above", patterned(4097, 3)}, {L"s/64", patterned(64, 4)}}),
+         storageOf({{L"empty", ""}, {L"below", patternBytes(4095, 1)}, {L"at", patternBytes(4096, 2)},
+                    {L"above", patternBytes(4097, 3)}, {L"s/64", patternBytes(64, 4)}}),
          nullptr},
-        {"stream beyond what the header's FAT slots reach", storageOf({{L"big", patterned(8 << 20, 5)}}), nullptr},
+        {"stream beyond what the header's FAT slots reach", storageOf({{L"big", patternBytes(8 << 20, 5)}}), nullptr},
         {"empty storage", storageOf({}, messageClass), nullptr},
         {"sizes that lie and dribbling reads",
-         wrapWithFaults(storageOf({{L"small", patterned(100, 6)}, {L"edge", patterned(4100, 7)}}).Get(), lying),
+         wrapWithFaults(storageOf({{L"small", patternBytes(100, 6)}, {L"edge", patternBytes(4100, 7)}}).Get(), lying),
          nullptr},
     };
     for (const auto& row : rows) {
@@ -113,7 +105,7 @@ TEST_F(ItemFiles, MsgFileHoldsEveryStreamOfTheSourceInASoundFile)
 TEST(CompoundFileWriter, HostileSourcesFailClearlyAndLeaveTheTargetAsItWas)
 {
     const ComPtr<IStorage> real =
-        storageOf({{L"big", patterned(3 << 20, 1)}, {L"small", patterned(100, 2)}, {L"deep/inner", "x"}});
+        storageOf({{L"big", patternBytes(3 << 20, 1)}, {L"small", patternBytes(100, 2)}, {L"deep/inner", "x"}});
     const auto faulty = [&real](auto change) {
         StorageFaults faults;
         change(faults);

@@ -1,14 +1,25 @@
-#include "redemption_objects.h"
-
+// The Redemption stand-in: the add-in loads the library from its own folder
+// and asks DllGetClassObject for the session class directly, without COM
+// registration. The session (RDOSession) and the mails it opens from .msg
+// files (RDOMail) are late-bound objects, reached only through IDispatch by
+// name, as the add-in reaches the real library:
+//   RDOSession.MAPIOBJECT                  put, putref and get: holds what was put.
+//   RDOSession.GetMessageFromMsgFile(path) a mail object over that .msg file.
+//   RDOMail.GetDecryptedMessage()          a mail object that reads as decrypted.
+//   RDOMail.Body                           property get, as text.
+//   RDOMail.SaveAs(path, type)             type 3: the .msg (decrypted when the mail
+//                                          is); any other: subject and body as mail text.
 #include "redemption_standin.h"
 
 #include "addin/log.h"
+#include "common/com_ptr.h"
 #include "common/strings.h"
 #include "common/unique_resource.h"
-#include "items/msg_storage.h"
-#include "items/property_text.h"
+#include "e2e_shared/com_object.h"
 #include "e2e_shared/dispatch_standin.h"
 #include "e2e_shared/fake_decryption.h"
+#include "items/msg_storage.h"
+#include "items/property_text.h"
 
 #include <objbase.h>
 
@@ -107,12 +118,41 @@ HRESULT openMailFile(const std::vector<VARIANT>& args, VARIANT* result)
     return variant(createMail(std::move(mail), false).Get()).copyTo(result);
 }
 
-} // namespace
-
-ComPtr<IDispatch> createRedemptionSession()
+ComPtr<IDispatch> createSession()
 {
     ComPtr<DispatchStandIn> session = newObject(L"RDOSession");
     session->settable(L"MAPIOBJECT");
     session->method(L"GetMessageFromMsgFile", openMailFile);
     return session;
+}
+
+class SessionFactory final : public ComObject<IClassFactory> {
+public:
+    STDMETHODIMP CreateInstance(IUnknown* outer, REFIID riid, void** object) override
+    {
+        *object = nullptr;
+        return outer ? CLASS_E_NOAGGREGATION : createSession()->QueryInterface(riid, object);
+    }
+    STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+
+private:
+    bool offers(REFIID iid) const override { return iid == IID_IClassFactory; }
+};
+
+} // namespace
+
+extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* object)
+{
+    *object = nullptr;
+    if (clsid != standInRedemptionSessionClsid)
+        return CLASS_E_CLASSNOTAVAILABLE;
+    ComPtr<IClassFactory> factory;
+    factory = adoptCom(new SessionFactory);
+    return factory->QueryInterface(riid, object);
+}
+
+// The add-in never unloads the library: it stays.
+extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow()
+{
+    return S_FALSE;
 }
