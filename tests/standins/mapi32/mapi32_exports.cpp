@@ -8,29 +8,19 @@
 
 #include <mapicode.h>
 
-#include <mutex>
-#include <unordered_map>
-#include <vector>
+#include <atomic>
 
 namespace {
 
 const Logger logger("MapiStandIn");
 
 // MAPI's linked allocation: a block from MAPIAllocateBuffer owns the blocks
-// allocated "more" on it, and MAPIFreeBuffer on it frees them all. Parents
-// are kept by address, so that freeing anything else is refused.
-std::mutex allocationLock;
-std::unordered_map<void*, std::vector<void*>>& parents()
-{
-    static auto* table = new std::unordered_map<void*, std::vector<void*>>(); // outlives every caller
-    return *table;
-}
-ULONG liveBlocks = 0;
-
-void* allocateRaw(ULONG size)
-{
-    return HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size ? size : 1);
-}
+// allocated "more" on it, chained behind a header, and MAPIFreeBuffer on it
+// frees them all.
+struct Block {
+    Block* next;
+};
+std::atomic<LONG> liveBlocks{0};
 
 bool openIsToFail()
 {
@@ -43,51 +33,34 @@ bool openIsToFail()
 
 extern "C" SCODE WINAPI MAPIAllocateBuffer(ULONG size, LPVOID* buffer)
 {
-    if (!buffer)
-        return MAPI_E_INVALID_PARAMETER;
-    *buffer = allocateRaw(size);
-    if (!*buffer)
+    auto* block = buffer ? static_cast<Block*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(Block) + size))
+                         : nullptr;
+    if (!block)
         return MAPI_E_NOT_ENOUGH_MEMORY;
-    std::lock_guard<std::mutex> guard(allocationLock);
-    parents().emplace(*buffer, std::vector<void*>{});
     ++liveBlocks;
+    *buffer = block + 1;
     return S_OK;
 }
 
 extern "C" SCODE WINAPI MAPIAllocateMore(ULONG size, LPVOID parent, LPVOID* buffer)
 {
-    if (!buffer)
+    if (!parent || MAPIAllocateBuffer(size, buffer) != S_OK)
         return MAPI_E_INVALID_PARAMETER;
-    *buffer = nullptr;
-    std::lock_guard<std::mutex> guard(allocationLock);
-    auto found = parents().find(parent);
-    if (found == parents().end())
-        return MAPI_E_INVALID_PARAMETER;
-    *buffer = allocateRaw(size);
-    if (!*buffer)
-        return MAPI_E_NOT_ENOUGH_MEMORY;
-    found->second.push_back(*buffer);
-    ++liveBlocks;
+    Block* owner = static_cast<Block*>(parent) - 1;
+    Block* block = static_cast<Block*>(*buffer) - 1;
+    block->next = owner->next;
+    owner->next = block;
     return S_OK;
 }
 
 extern "C" ULONG WINAPI MAPIFreeBuffer(LPVOID buffer)
 {
-    if (!buffer)
-        return S_OK;
-    std::vector<void*> more;
-    {
-        std::lock_guard<std::mutex> guard(allocationLock);
-        auto found = parents().find(buffer);
-        if (found == parents().end())
-            return static_cast<ULONG>(MAPI_E_INVALID_PARAMETER);
-        more = std::move(found->second);
-        parents().erase(found);
-        liveBlocks -= static_cast<ULONG>(more.size()) + 1;
-    }
-    for (void* block : more)
+    for (Block* block = buffer ? static_cast<Block*>(buffer) - 1 : nullptr; block;) {
+        Block* next = block->next;
         HeapFree(GetProcessHeap(), 0, block);
-    HeapFree(GetProcessHeap(), 0, buffer);
+        --liveBlocks;
+        block = next;
+    }
     return S_OK;
 }
 
@@ -119,6 +92,5 @@ extern "C" SCODE STDAPICALLTYPE OpenIMsgOnIStg(LPMSGSESS, LPALLOCATEBUFFER alloc
 
 extern "C" ULONG WINAPI StandInLiveAllocations()
 {
-    std::lock_guard<std::mutex> guard(allocationLock);
-    return liveBlocks;
+    return static_cast<ULONG>(liveBlocks.load());
 }

@@ -27,20 +27,10 @@ constexpr IID iidMapiTable = {0x00020301, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 constexpr ULONG tagRecipientType = 0x0C150003;
 constexpr ULONG tagEntryId = 0x0FFF0102;
 
+// The fixed-size types the add-in asks for.
 size_t fixedSizeOf(ULONG type)
 {
-    switch (type) {
-    case PT_I2:
-    case PT_BOOLEAN:
-        return 2;
-    case PT_LONG:
-        return 4;
-    case PT_I8:
-    case PT_SYSTIME:
-        return 8;
-    default:
-        return 0;
-    }
+    return type == PT_LONG ? 4 : type == PT_SYSTIME ? 8 : 0;
 }
 
 HRESULT copyMore(const void* bytes, size_t size, const MapiAllocators& allocators, void* parent, void** copy)
@@ -60,16 +50,10 @@ HRESULT makePropValue(ULONG wanted, const StoredProperty* stored, const MapiAllo
     value = SPropValue{};
     value.ulPropTag = wanted;
     const ULONG have = stored ? propertyTypeOf(stored->tag) : PT_ERROR;
-    const bool haveString = have == PT_UNICODE || have == PT_STRING8;
-    if (PROP_TYPE(wanted) == PT_UNICODE && haveString) {
+    if (PROP_TYPE(wanted) == PT_UNICODE && (have == PT_UNICODE || have == PT_STRING8)) {
         const std::wstring text = propertyText(stored->tag, stored->bytes);
         return copyMore(text.c_str(), (text.size() + 1) * sizeof(wchar_t), allocators, parent,
                         reinterpret_cast<void**>(&value.Value.lpszW));
-    }
-    if (PROP_TYPE(wanted) == PT_STRING8 && have == PT_STRING8) {
-        const std::string text = stored->bytes.substr(0, stored->bytes.find('\0'));
-        return copyMore(text.c_str(), text.size() + 1, allocators, parent,
-                        reinterpret_cast<void**>(&value.Value.lpszA));
     }
     if (PROP_TYPE(wanted) == PT_BINARY && have == PT_BINARY) {
         value.Value.bin.cb = static_cast<ULONG>(stored->bytes.size());
@@ -112,12 +96,9 @@ HRESULT makeValues(const std::vector<ULONG>& tags, const StoredProperties& store
 // The recipient rows, all columns the add-in reads, as a snapshot.
 class RecipientTable final : public ComObject<IMAPITable> {
 public:
-    RecipientTable(std::vector<StoredProperties> rows, bool unicode, const MapiAllocators& allocators)
+    RecipientTable(std::vector<StoredProperties> rows, const MapiAllocators& allocators)
         : rows_(std::move(rows)), allocators_(allocators)
     {
-        const ULONG text = unicode ? PT_UNICODE : PT_STRING8;
-        columns_ = {tagRecipientType, tagEntryId, PROP_TAG(text, 0x3001), PROP_TAG(text, 0x3002),
-                    PROP_TAG(text, 0x3003)};
     }
 
     STDMETHODIMP GetRowCount(ULONG, ULONG* count) override
@@ -168,7 +149,7 @@ private:
 
     std::vector<StoredProperties> rows_;
     MapiAllocators allocators_;
-    std::vector<ULONG> columns_;
+    const std::vector<ULONG> columns_ = {tagRecipientType, tagEntryId, 0x3001001F, 0x3002001F, 0x3003001F};
     size_t next_ = 0;
 };
 
@@ -191,9 +172,10 @@ public:
         *count = tags->cValues;
         return anyMissing ? MAPI_W_ERRORS_RETURNED : S_OK;
     }
-    STDMETHODIMP GetRecipientTable(ULONG flags, LPMAPITABLE* table) override
+    // Unicode columns: the add-in always asks for them.
+    STDMETHODIMP GetRecipientTable(ULONG, LPMAPITABLE* table) override
     {
-        *table = new (std::nothrow) RecipientTable(stored_.recipients, (flags & MAPI_UNICODE) != 0, allocators_);
+        *table = new (std::nothrow) RecipientTable(stored_.recipients, allocators_);
         return *table ? S_OK : MAPI_E_NOT_ENOUGH_MEMORY;
     }
     NO_SUPPORT(GetLastError(HRESULT, ULONG, LPMAPIERROR*))
