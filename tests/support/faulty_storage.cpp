@@ -21,7 +21,7 @@ public:
     {
         ULONG got = 0;
         if (delivered_ >= faults_.failAfterBytes)
-            return faults_.readFailure;
+            return STG_E_READFAULT;
         ULONG want = static_cast<ULONG>(std::min<ULONGLONG>(size, faults_.failAfterBytes - delivered_));
         if (faults_.maxBytesPerRead)
             want = std::min(want, faults_.maxBytesPerRead);
@@ -35,7 +35,7 @@ public:
     {
         ULONG put = 0;
         if (taken_ >= faults_.failWritesAfterBytes)
-            return faults_.writeFailure;
+            return STG_E_MEDIUMFULL;
         const HRESULT hr =
             real_->Write(buffer, static_cast<ULONG>(std::min<ULONGLONG>(size, faults_.failWritesAfterBytes - taken_)),
                          &put);

@@ -14,16 +14,14 @@
 struct StorageFaults {
     std::wstring onlyInside;               // the child storage whose streams misbehave; empty: all of them
     std::wstring onlyStream;               // the stream name that misbehaves; empty: every stream
-    ULONGLONG failAfterBytes = ULLONG_MAX; // Read fails once this many bytes were delivered
-    HRESULT readFailure = STG_E_READFAULT; // what the failing Read returns
+    ULONGLONG failAfterBytes = ULLONG_MAX; // Read fails (STG_E_READFAULT) once this many bytes were delivered
     ULONG maxBytesPerRead = 0;             // each Read delivers at most this much (0: no limit)
     ULONG readOverclaim = 0;               // each Read reports this many bytes more than it delivered
     ULONGLONG statExtraBytes = 0;          // Stat reports this much more than the stream holds
     HRESULT statFailure = S_OK;            // Stat of a stream fails with this unless S_OK
     HRESULT enumFailure = S_OK;            // EnumElements fails with this unless S_OK
     std::wstring renamedFrom, renamedTo;   // the element renamedFrom is listed and opened as renamedTo
-    ULONGLONG failWritesAfterBytes = ULLONG_MAX; // a stream's Write fails once it took this many bytes
-    HRESULT writeFailure = STG_E_MEDIUMFULL;     // what the failing Write returns
+    ULONGLONG failWritesAfterBytes = ULLONG_MAX; // Write fails (STG_E_MEDIUMFULL) once it took this many bytes
 };
 
 // The wrapper over `real` (and, through OpenStorage, over its children).

@@ -1,4 +1,11 @@
-#include "message_on_storage.h"
+// The stand-in mapi32.dll: Wine's own aborts the process in OpenIMsgOnIStg.
+// The add-in binds the MAPI functions by ordinal (59, 198, 13, 15, 17), so
+// the .def file pins those; StandInLiveAllocations lets a test see that every
+// buffer was given back. The IMessage OpenIMsgOnIStg gives is for reading
+// only: GetProps and the recipient table come from the storage (read with the
+// add-in's own .msg reader); attachments, changes and the rest are not
+// supported, as the add-in then reads them from the storage itself.
+#include "mapi_standin.h"
 
 #include "addin/log.h"
 #include "common/hresult.h"
@@ -6,10 +13,14 @@
 #include "items/msg_storage.h"
 #include "items/property_text.h"
 
+#include <ole2.h>
+#include <mapidefs.h>
+#include <imessage.h>
 #include <mapicode.h>
 #include <wrl/client.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -17,6 +28,14 @@
 namespace {
 
 const Logger logger("MapiStandIn");
+
+// The allocation functions the caller opened the message with; everything
+// handed out is allocated with them.
+struct MapiAllocators {
+    LPALLOCATEBUFFER allocateBuffer = nullptr;
+    LPALLOCATEMORE allocateMore = nullptr;
+    LPFREEBUFFER freeBuffer = nullptr;
+};
 
 // {00020303-...}, {00020307-...}, {00020301-...}: IMAPIProp, IMessage, IMAPITable,
 // written out: this DLL *is* mapi32 for the tests.
@@ -205,16 +224,91 @@ private:
     StoredMessage stored_;
 };
 
+// MAPI's linked allocation: a block from MAPIAllocateBuffer owns the blocks
+// allocated "more" on it, chained behind a header, and MAPIFreeBuffer on it
+// frees them all.
+struct Block {
+    Block* next;
+};
+std::atomic<LONG> liveBlocks{0};
+
+bool openIsToFail()
+{
+    wchar_t value[32] = {};
+    const DWORD length = GetEnvironmentVariableW(standInMapiOpenSwitch, value, 32);
+    return length > 0 && length < 32 && lstrcmpiW(value, L"fail") == 0;
+}
+
 } // namespace
 
-HRESULT openMessageOnStorage(IStorage* storage, const MapiAllocators& allocators, IMessage** message)
+extern "C" SCODE WINAPI MAPIAllocateBuffer(ULONG size, LPVOID* buffer)
 {
+    auto* block = buffer ? static_cast<Block*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(Block) + size))
+                         : nullptr;
+    if (!block)
+        return MAPI_E_NOT_ENOUGH_MEMORY;
+    ++liveBlocks;
+    *buffer = block + 1;
+    return S_OK;
+}
+
+extern "C" SCODE WINAPI MAPIAllocateMore(ULONG size, LPVOID parent, LPVOID* buffer)
+{
+    if (!parent || MAPIAllocateBuffer(size, buffer) != S_OK)
+        return MAPI_E_INVALID_PARAMETER;
+    Block* owner = static_cast<Block*>(parent) - 1;
+    Block* block = static_cast<Block*>(*buffer) - 1;
+    block->next = owner->next;
+    owner->next = block;
+    return S_OK;
+}
+
+extern "C" ULONG WINAPI MAPIFreeBuffer(LPVOID buffer)
+{
+    for (Block* block = buffer ? static_cast<Block*>(buffer) - 1 : nullptr; block;) {
+        Block* next = block->next;
+        HeapFree(GetProcessHeap(), 0, block);
+        --liveBlocks;
+        block = next;
+    }
+    return S_OK;
+}
+
+extern "C" LPMALLOC STDAPICALLTYPE MAPIGetDefaultMalloc()
+{
+    // Handed out without a reference for the caller, as MAPI's own is.
+    LPMALLOC malloc = nullptr;
+    if (FAILED(CoGetMalloc(1, &malloc)))
+        return nullptr;
+    malloc->Release();
+    return malloc;
+}
+
+extern "C" SCODE STDAPICALLTYPE OpenIMsgOnIStg(LPMSGSESS, LPALLOCATEBUFFER allocateBuffer, LPALLOCATEMORE allocateMore,
+                                               LPFREEBUFFER freeBuffer, LPMALLOC, LPVOID, LPSTORAGE storage,
+                                               MSGCALLRELEASE*, ULONG, ULONG, LPMESSAGE* message)
+{
+    if (!message)
+        return MAPI_E_INVALID_PARAMETER;
+    *message = nullptr;
+    if (openIsToFail()) {
+        KV_INFO(logger) << "OpenIMsgOnIStg fails as " << standInMapiOpenSwitch << " asks";
+        return MAPI_E_CORRUPT_DATA;
+    }
+    if (!allocateBuffer || !allocateMore || !freeBuffer || !storage)
+        return MAPI_E_INVALID_PARAMETER;
     StoredMessage stored;
     const HRESULT hr = readStoredMessage(storage, stored);
     if (FAILED(hr)) {
         KV_WARN(logger) << "the storage can't be read as a message, hr=" << hr;
         return MAPI_E_CORRUPT_DATA;
     }
-    *message = new (std::nothrow) MessageOnStorage(storage, allocators, std::move(stored));
+    *message = new (std::nothrow)
+        MessageOnStorage(storage, MapiAllocators{allocateBuffer, allocateMore, freeBuffer}, std::move(stored));
     return *message ? S_OK : MAPI_E_NOT_ENOUGH_MEMORY;
+}
+
+extern "C" ULONG WINAPI StandInLiveAllocations()
+{
+    return static_cast<ULONG>(liveBlocks.load());
 }
