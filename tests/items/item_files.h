@@ -13,6 +13,7 @@
 #include <objidl.h>
 #include <wrl/client.h>
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -58,6 +59,6 @@ bool contains(const std::string& text, const std::string& part);
 // hide a broken FAT or an ill-formed sibling tree); empty when it is sound.
 std::string compoundFileProblems(const std::string& bytes);
 
-// A test failure for each difference between the trees: elements on one side
-// only, element types, stream bytes, class ids.
-void expectSameTree(IStorage* expected, IStorage* actual, const std::string& where = "");
+// Every element below `storage` by its path: a storage's class id, a
+// stream's size and the hash of its bytes.
+std::map<std::string, std::string> treeOf(IStorage* storage, const std::string& where = "");

@@ -91,7 +91,7 @@ TEST_F(ItemFiles, MsgFileHoldsEveryStreamOfTheSourceInASoundFile)
         EXPECT_FALSE(contains(log.contents(), "compound file writer failed")) << log.contents();
         const std::string bytes = readBytes(folder.file(L"mail.msg"));
         EXPECT_EQ(compoundFileProblems(bytes), "");
-        expectSameTree(row.source.Get(), openStorageFile(folder.file(L"mail.msg")).Get());
+        EXPECT_EQ(treeOf(openStorageFile(folder.file(L"mail.msg")).Get()), treeOf(row.source.Get()));
         if (row.mail) {
             EXPECT_EQ(lastWriteTime(folder.file(L"mail.msg")), timeNumber(*row.mail->deliveryTime));
             EXPECT_EQ(item->properties().subject, row.mail->subject);

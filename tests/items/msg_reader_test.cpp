@@ -42,14 +42,6 @@ std::string skippedOf(const StoredMessage& message)
     return text;
 }
 
-// A storage whose properties stream is exactly `bytes`.
-ComPtr<IStorage> rawProperties(const std::string& bytes)
-{
-    ComPtr<IStorage> storage = makeStorageInMemory();
-    EXPECT_EQ(writeRawPropertiesStream(storage.Get(), 0, bytes), S_OK);
-    return storage;
-}
-
 // A message whose properties stream is `entries` behind a zero header, with these value streams.
 ComPtr<IStorage> withEntries(const std::string& entries, const std::vector<std::pair<uint32_t, std::string>>& values = {})
 {
@@ -101,6 +93,8 @@ TEST(MsgReader, DamagedAndHostileStoragesGiveWhatCanBeReadAndSaySo)
     for (size_t i = 0; i <= 0x10000; ++i) // more entries than there are property ids
         tooMany += entry;
     const ComPtr<IStorage> mail = makeMsgInMemory(sampleMail());
+    const ComPtr<IStorage> shortHeader = makeStorageInMemory();
+    writeRawPropertiesStream(shortHeader.Get(), 0, std::string(20, '\0'));
     const ComPtr<IStorage> held = makeMsgInMemory(sampleMail());
     ComPtr<IStorage> recipientOpen; // a storage opens only once
     held->OpenStorage(recipient(1).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, &recipientOpen);
@@ -128,7 +122,7 @@ TEST(MsgReader, DamagedAndHostileStoragesGiveWhatCanBeReadAndSaySo)
     } table[] = {
         {"no properties stream", makeStorageInMemory(), STG_E_FILENOTFOUND,
          [](const StoredMessage& m) { EXPECT_TRUE(m.properties.empty()); }, "not a message storage"},
-        {"properties stream shorter than its header", rawProperties(std::string(20, '\0')), STG_E_DOCFILECORRUPT,
+        {"properties stream shorter than its header", shortHeader, STG_E_DOCFILECORRUPT,
          nullptr, "has 20 bytes, not a header of 32"},
         {"bytes after the last whole entry", withEntries(entry + entry.substr(0, 15)), S_OK,
          [](const StoredMessage& m) { EXPECT_EQ(m.properties.size(), 1u); }, "15 bytes after its last whole entry"},

@@ -70,17 +70,14 @@ HRESULT composeMime(IMessage* message, LPFREEBUFFER freeBuffer, ULONG flags, std
 
 class ConverterStandIn final : public ComObject<IConverterSession> {
 public:
-    ConverterStandIn(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
-        : freeBuffer_(freeBuffer), activity_(std::move(activity))
-    {
-    }
+    explicit ConverterStandIn(std::shared_ptr<ConverterActivity> activity) : activity_(std::move(activity)) {}
 
     HRESULT STDMETHODCALLTYPE MAPIToMIMEStm(LPMESSAGE message, LPSTREAM stream, ULONG flags) override
     {
         activity_->conversionFlags.push_back(flags);
-        if (!message || !stream || !freeBuffer_)
+        if (!message || !stream || !activity_->freeBuffer)
             return E_INVALIDARG;
-        RETURN_IF_FAILED(composeMime(message, freeBuffer_, flags, activity_->lastMime));
+        RETURN_IF_FAILED(composeMime(message, activity_->freeBuffer, flags, activity_->lastMime));
         const std::string& mime = activity_->lastMime;
         // A converter that breaks down mid-way leaves half a mail behind.
         const ULONG size = static_cast<ULONG>(activity_->conversionFails ? mime.size() / 2 : mime.size());
@@ -103,20 +100,16 @@ public:
 private:
     bool offers(REFIID iid) const override { return iid == IID_KvConverterSession; }
 
-    LPFREEBUFFER freeBuffer_;
     std::shared_ptr<ConverterActivity> activity_;
 };
 
 class ConverterFactory final : public ComObject<IClassFactory> {
 public:
-    ConverterFactory(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
-        : freeBuffer_(freeBuffer), activity_(std::move(activity))
-    {
-    }
+    explicit ConverterFactory(std::shared_ptr<ConverterActivity> activity) : activity_(std::move(activity)) {}
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID iid, void** object) override
     {
         ComPtr<IConverterSession> converter;
-        converter = adoptCom(new ConverterStandIn(freeBuffer_, activity_));
+        converter = adoptCom(new ConverterStandIn(activity_));
         return converter->QueryInterface(iid, object);
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
@@ -124,15 +117,15 @@ public:
 private:
     bool offers(REFIID iid) const override { return iid == IID_IClassFactory; }
 
-    LPFREEBUFFER freeBuffer_;
     std::shared_ptr<ConverterActivity> activity_;
 };
 
 } // namespace
 
-ConverterRegistration::ConverterRegistration(LPFREEBUFFER freeBuffer) : activity_(std::make_shared<ConverterActivity>())
+ConverterRegistration::ConverterRegistration(LPFREEBUFFER freeBuffer)
+    : activity_(std::make_shared<ConverterActivity>(ConverterActivity{freeBuffer}))
 {
-    factory_ = adoptCom(new ConverterFactory(freeBuffer, activity_));
+    factory_ = adoptCom(new ConverterFactory(activity_));
     setRegistered(true);
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 struct ConverterActivity {
+    LPFREEBUFFER freeBuffer = nullptr;  // the MAPIFreeBuffer of the MAPI the messages come from
     bool conversionFails = false;       // MAPIToMIMEStm writes half the mail, then fails
     std::vector<ULONG> conversionFlags; // of each call, failed ones included
     std::string lastMime;               // the whole mail of the last call

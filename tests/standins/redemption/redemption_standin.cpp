@@ -72,12 +72,12 @@ std::string textOf(const StoredMessage& message, uint16_t id)
 HRESULT saveMail(const OpenedMail& mail, bool decrypted, const std::vector<VARIANT>& args)
 {
     std::wstring target;
-    LONG type = standInRedemptionSaveAsMsg;
+    LONG type = 0;
     if (switchSays(standInRedemptionFailSaveAs))
         return standInRedemptionSaveAsError;
     if (args.size() != 2 || FAILED(argumentText(args[0], target)) || FAILED(argumentNumber(args[1], type)))
         return DISP_E_TYPEMISMATCH;
-    if (type == standInRedemptionSaveAsMsg)
+    if (type == 3) // olMSG
         return decrypted ? writeDecryptedCopy(mail.path, target) : copyMsgFile(mail.path, target);
     const std::string text = "Subject: " + textOf(mail.message, idSubject) + "\r\n\r\n" + textOf(mail.message, idBody);
     UniqueFile file(CreateFileW(target.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
@@ -113,7 +113,7 @@ HRESULT openMailFile(const std::vector<VARIANT>& args, VARIANT* result)
         hr = readStoredMessage(mail->storage.Get(), mail->message);
     if (FAILED(hr)) {
         KV_WARN(logger) << "GetMessageFromMsgFile: " << mail->path << " is no readable message, hr=" << hr;
-        return hr == STG_E_FILENOTFOUND ? hr : standInRedemptionCorruptMessage;
+        return hr;
     }
     return variant(createMail(std::move(mail), false).Get()).copyTo(result);
 }

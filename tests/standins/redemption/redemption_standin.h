@@ -24,12 +24,6 @@ inline constexpr const wchar_t* standInRedemptionSwitch = L"KORVANE_STANDIN_REDE
 inline constexpr const wchar_t* standInRedemptionFailDecrypt = L"fail-decrypt";
 inline constexpr const wchar_t* standInRedemptionFailSaveAs = L"fail-saveas";
 
-// What the switches make the calls fail with; GetMessageFromMsgFile on a
-// compound file that holds no readable message gives MAPI_E_CORRUPT_DATA.
+// What the switches make the calls fail with.
 inline constexpr HRESULT standInRedemptionDecryptError = E_ACCESSDENIED;
 inline constexpr HRESULT standInRedemptionSaveAsError = STG_E_CANTSAVE;
-inline constexpr HRESULT standInRedemptionCorruptMessage = MAKE_HRESULT(1, FACILITY_ITF, 0x11B);
-
-// SaveAs type 3 writes the .msg (decrypted when the mail object came from
-// GetDecryptedMessage); any other type a text file.
-inline constexpr LONG standInRedemptionSaveAsMsg = 3;
