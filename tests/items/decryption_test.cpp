@@ -25,11 +25,7 @@ std::wstring classOf(const std::wstring& path)
                                                                                        : L"<none>";
 }
 
-std::wstring standInRedemption()
-{
-    return testProgramFolder() + L"\\standins\\" + standInRedemptionFileName;
-}
-
+const std::wstring standInRedemption = testProgramFolder() + L"\\standins\\" + redemptionFileName();
 } // namespace
 
 TEST_F(ItemFiles, EncryptedMailIsSavedDecryptedByTheFirstWayThatWorks)
@@ -58,9 +54,9 @@ TEST_F(ItemFiles, EncryptedMailIsSavedDecryptedByTheFirstWayThatWorks)
         rowSettings.setModule(addin.module());
         rowSettings.setDecryptWithRedemption(row.withRedemption);
         rowSettings.setFormat(row.eml ? L"eml" : L"msg");
-        const std::wstring redemption = addinFolder.file(standInRedemptionFileName);
+        const std::wstring redemption = addinFolder.file(redemptionFileName());
         if (row.installed) {
-            ASSERT_TRUE(CopyFileW(standInRedemption().c_str(), redemption.c_str(), FALSE));
+            ASSERT_TRUE(CopyFileW(standInRedemption.c_str(), redemption.c_str(), FALSE));
         }
         OutlookStandIn rowOutlook;
         rowOutlook.setSaveAsFails(row.outlookFails);
@@ -121,7 +117,7 @@ TEST_F(ItemFiles, RedemptionComesOnlyFromTheAddinsFolder)
     ScratchFolder addinFolder, elsewhere;
     AddinCopy addin(addinFolder);
     settings.setModule(addin.module());
-    ASSERT_TRUE(CopyFileW(standInRedemption().c_str(), elsewhere.file(redemptionFileName()).c_str(), FALSE));
+    ASSERT_TRUE(CopyFileW(standInRedemption.c_str(), elsewhere.file(redemptionFileName()).c_str(), FALSE));
     wchar_t previous[MAX_PATH + 1] = {};
     GetCurrentDirectoryW(MAX_PATH, previous);
     SetCurrentDirectoryW(elsewhere.path().c_str());

@@ -1,11 +1,9 @@
 #pragma once
-// Outlook's MIME converter (IConverterSession) for tests, where no Outlook is
-// installed, registered with COM for as long as a ConverterRegistration
-// lives, so that the add-in's own CoCreateInstance finds it. MAPIToMIMEStm
-// reads the message it is given (subject, sender, body through GetProps; the
-// recipient table) and writes a plain-text Internet mail the way the
-// converter shapes one: "Name" <address>, lists folded with a tab, Bcc only
-// with CCSF_INCLUDE_BCC, CRLF everywhere.
+// Outlook's MIME converter (IConverterSession), registered with COM while a
+// ConverterRegistration lives. MAPIToMIMEStm reads the message it is given
+// (GetProps, the recipient table) and writes a plain-text mail shaped as the
+// converter's: "Name" <address>, lists folded with a tab, Bcc only with
+// CCSF_INCLUDE_BCC.
 #include "items/converter_session.h"
 
 #include <windows.h>

@@ -1,10 +1,7 @@
 #pragma once
-// A real structured storage seen through a wrapper that misbehaves the way a
-// damaged medium or a hostile storage implementation can: streams that fail
-// half way, deliver a few bytes a call or claim more than they delivered,
-// report a size they don't have, an element listed under a name no real
-// storage holds; and streams written to that fill up half way.
-// Everything else is passed to the real storage.
+// A real storage (or stream) seen through a wrapper that misbehaves as a
+// damaged medium or a hostile implementation can, as StorageFaults says;
+// everything else is passed to the real one.
 #include <objidl.h>
 #include <wrl/client.h>
 

@@ -74,7 +74,7 @@ HRESULT saveMail(const OpenedMail& mail, bool decrypted, const std::vector<VARIA
     std::wstring target;
     LONG type = 0;
     if (switchSays(standInRedemptionFailSaveAs))
-        return standInRedemptionSaveAsError;
+        return STG_E_CANTSAVE;
     if (args.size() != 2 || FAILED(argumentText(args[0], target)) || FAILED(argumentNumber(args[1], type)))
         return DISP_E_TYPEMISMATCH;
     if (type == 3) // olMSG
@@ -93,7 +93,7 @@ ComPtr<IDispatch> createMail(std::shared_ptr<const OpenedMail> mail, bool decryp
     object->property(L"Body", [mail] { return variant(utf8ToWide(textOf(mail->message, idBody))); });
     object->method(L"GetDecryptedMessage", [mail](const std::vector<VARIANT>&, VARIANT* result) -> HRESULT {
         if (switchSays(standInRedemptionFailDecrypt))
-            return standInRedemptionDecryptError;
+            return E_ACCESSDENIED;
         return variant(createMail(mail, true).Get()).copyTo(result);
     });
     object->method(L"SaveAs", [mail, decrypted](const std::vector<VARIANT>& args, VARIANT*) {
