@@ -1,302 +1,139 @@
 #include "support/converter_standin.h"
-#include "common/com_ptr.h"
 
+#include "common/com_ptr.h"
 #include "common/hresult.h"
-#include "support/converter_mime.h"
+#include "common/strings.h"
+#include "e2e_shared/com_object.h"
 
 #include <mapicode.h>
-#include <mapitags.h>
-
-#include <utility>
 
 using Microsoft::WRL::ComPtr;
 
 namespace {
 
-constexpr ULONG tagSubject = 0x0037001F;
-constexpr ULONG tagSenderName = 0x0C1A001F;
-constexpr ULONG tagSenderEmailAddress = 0x0C1F001F;
-constexpr ULONG tagBody = 0x1000001F;
-constexpr ULONG tagClientSubmitTime = 0x00390040;
-constexpr ULONG tagRecipientType = 0x0C150003;
-constexpr ULONG tagDisplayName = 0x3001001F;
-constexpr ULONG tagEmailAddress = 0x3003001F;
-
-// A block that the message's MAPI allocated; freed with that MAPI's
-// MAPIFreeBuffer, which also frees everything allocated "more" on it.
-class MapiBuffer {
-public:
-    MapiBuffer(LPFREEBUFFER freeBuffer, void* block) : freeBuffer_(freeBuffer), block_(block) {}
-    ~MapiBuffer()
-    {
-        if (block_ && freeBuffer_)
-            freeBuffer_(block_);
-    }
-    MapiBuffer(const MapiBuffer&) = delete;
-    MapiBuffer& operator=(const MapiBuffer&) = delete;
-
-private:
-    LPFREEBUFFER freeBuffer_;
-    void* block_;
+struct Mailbox {
+    std::string name, address;
 };
 
-// A row set from QueryRows: each row's values are a block of their own,
-// then the set itself (what FreeProws does).
-class RowSetHolder {
-public:
-    RowSetHolder(LPFREEBUFFER freeBuffer, SRowSet* rows) : freeBuffer_(freeBuffer), rows_(rows) {}
-    ~RowSetHolder()
-    {
-        if (!rows_ || !freeBuffer_)
-            return;
-        for (ULONG i = 0; i < rows_->cRows; ++i)
-            if (rows_->aRow[i].lpProps)
-                freeBuffer_(rows_->aRow[i].lpProps);
-        freeBuffer_(rows_);
-    }
-    RowSetHolder(const RowSetHolder&) = delete;
-    RowSetHolder& operator=(const RowSetHolder&) = delete;
-
-private:
-    LPFREEBUFFER freeBuffer_;
-    SRowSet* rows_;
-};
-
-bool sameProperty(ULONG tag, ULONG wanted) { return PROP_ID(tag) == PROP_ID(wanted); }
-
-// Unicode or 8-bit string values as text; errors and other types are empty.
-std::wstring propertyText(const SPropValue& value)
+std::string textOf(const SPropValue& value)
 {
-    switch (PROP_TYPE(value.ulPropTag)) {
-    case PT_UNICODE:
-        return value.Value.lpszW ? value.Value.lpszW : L"";
-    case PT_STRING8: {
-        if (!value.Value.lpszA)
-            return std::wstring();
-        const int length = MultiByteToWideChar(CP_ACP, 0, value.Value.lpszA, -1, nullptr, 0);
-        if (length <= 1)
-            return std::wstring();
-        std::wstring text(static_cast<std::size_t>(length), L'\0');
-        MultiByteToWideChar(CP_ACP, 0, value.Value.lpszA, -1, text.data(), length);
-        text.resize(static_cast<std::size_t>(length - 1));
-        return text;
-    }
-    default:
-        return std::wstring();
-    }
+    return PROP_TYPE(value.ulPropTag) == PT_UNICODE && value.Value.lpszW ? wideToUtf8(value.Value.lpszW) : "";
 }
 
-// A body too large for GetProps is read the MAPI way, as a stream.
-std::wstring readBodyStream(IMessage* message)
+std::string addressLine(const char* header, const std::vector<Mailbox>& list)
 {
-    ComPtr<IUnknown> unknown;
-    if (FAILED(message->OpenProperty(tagBody, &IID_IStream, 0, 0, unknown.GetAddressOf())) || !unknown)
-        return std::wstring();
-    ComPtr<IStream> stream;
-    if (FAILED(unknown.As(&stream)))
-        return std::wstring();
-    std::wstring body;
-    wchar_t buffer[2048];
-    for (;;) {
-        ULONG read = 0;
-        const HRESULT hr = stream->Read(buffer, sizeof buffer, &read);
-        if (FAILED(hr) || read == 0)
-            break;
-        body.append(buffer, read / sizeof(wchar_t));
-    }
-    return body;
+    std::string line;
+    for (const Mailbox& box : list)
+        line += (line.empty() ? std::string(header) + ": " : ",\r\n\t") + "\"" + box.name + "\" <" + box.address + ">";
+    return line.empty() ? line : line + "\r\n";
 }
 
-HRESULT readProperties(IMessage* message, LPFREEBUFFER freeBuffer, MimeMail& mail)
+HRESULT composeMime(IMessage* message, LPFREEBUFFER freeBuffer, ULONG flags, std::string& mime)
 {
-    SizedSPropTagArray(5, tags) = {5, {tagSubject, tagSenderName, tagSenderEmailAddress, tagBody, tagClientSubmitTime}};
+    SizedSPropTagArray(4, tags) = {4, {0x0037001F, 0x0C1A001F, 0x0C1F001F, 0x1000001F}};
     ULONG count = 0;
-    SPropValue* values = nullptr;
-    const HRESULT hr = message->GetProps(reinterpret_cast<SPropTagArray*>(&tags), MAPI_UNICODE, &count, &values);
-    MapiBuffer holder(freeBuffer, values);
-    if (FAILED(hr))
-        return hr;
-    if (!values)
-        return MAPI_E_CALL_FAILED;
+    LPSPropValue values = nullptr;
+    RETURN_IF_FAILED(message->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), MAPI_UNICODE, &count, &values));
+    const std::string subject = textOf(values[0]), sender = "\"" + textOf(values[1]) + "\" <" + textOf(values[2]) + ">";
+    const std::string body = textOf(values[3]);
+    freeBuffer(values);
 
-    bool bodyTooLarge = false;
-    for (ULONG i = 0; i < count; ++i) {
-        const SPropValue& value = values[i];
-        const ULONG tag = value.ulPropTag;
-        if (sameProperty(tag, tagSubject))
-            mail.subject = propertyText(value);
-        else if (sameProperty(tag, tagSenderName))
-            mail.sender.name = propertyText(value);
-        else if (sameProperty(tag, tagSenderEmailAddress))
-            mail.sender.address = propertyText(value);
-        else if (sameProperty(tag, tagBody)) {
-            mail.body = propertyText(value);
-            bodyTooLarge = PROP_TYPE(tag) == PT_ERROR && value.Value.err == MAPI_E_NOT_ENOUGH_MEMORY;
-        } else if (tag == tagClientSubmitTime)
-            mail.submitTime = value.Value.ft;
-    }
-    if (bodyTooLarge)
-        mail.body = readBodyStream(message);
-    return S_OK;
-}
-
-HRESULT readRecipients(IMessage* message, LPFREEBUFFER freeBuffer, MimeMail& mail)
-{
     ComPtr<IMAPITable> table;
-    RETURN_IF_FAILED(message->GetRecipientTable(MAPI_UNICODE, table.GetAddressOf()));
-    if (!table)
-        return MAPI_E_CALL_FAILED;
+    RETURN_IF_FAILED(message->GetRecipientTable(MAPI_UNICODE, &table));
     ULONG rowCount = 0;
+    LPSRowSet rows = nullptr;
     RETURN_IF_FAILED(table->GetRowCount(0, &rowCount));
-    if (rowCount == 0)
-        return S_OK;
-    SRowSet* rows = nullptr;
-    const HRESULT hr = table->QueryRows(static_cast<LONG>(rowCount), 0, &rows);
-    RowSetHolder holder(freeBuffer, rows);
-    if (FAILED(hr))
-        return hr;
-    if (!rows)
-        return MAPI_E_CALL_FAILED;
-
+    RETURN_IF_FAILED(table->QueryRows(static_cast<LONG>(rowCount), 0, &rows));
+    std::vector<Mailbox> lists[4];
     for (ULONG r = 0; r < rows->cRows; ++r) {
-        const SRow& row = rows->aRow[r];
         LONG type = 0;
-        MimeAddress address;
-        for (ULONG c = 0; row.lpProps && c < row.cValues; ++c) {
-            const SPropValue& value = row.lpProps[c];
-            if (value.ulPropTag == tagRecipientType)
+        Mailbox box;
+        for (ULONG c = 0; c < rows->aRow[r].cValues; ++c) {
+            const SPropValue& value = rows->aRow[r].lpProps[c];
+            if (value.ulPropTag == 0x0C150003)
                 type = value.Value.l;
-            else if (sameProperty(value.ulPropTag, tagDisplayName))
-                address.name = propertyText(value);
-            else if (sameProperty(value.ulPropTag, tagEmailAddress))
-                address.address = propertyText(value);
+            else if (value.ulPropTag == 0x3001001F)
+                box.name = textOf(value);
+            else if (value.ulPropTag == 0x3003001F)
+                box.address = textOf(value);
         }
-        if (type == MAPI_TO)
-            mail.to.push_back(std::move(address));
-        else if (type == MAPI_CC)
-            mail.cc.push_back(std::move(address));
-        else if (type == MAPI_BCC)
-            mail.bcc.push_back(std::move(address));
+        if (type >= MAPI_TO && type <= MAPI_BCC)
+            lists[type].push_back(box);
+        freeBuffer(rows->aRow[r].lpProps);
     }
+    freeBuffer(rows);
+    mime = "From: " + sender + "\r\n" + addressLine("To", lists[MAPI_TO]) + addressLine("Cc", lists[MAPI_CC]) +
+           ((flags & CCSF_INCLUDE_BCC) ? addressLine("Bcc", lists[MAPI_BCC]) : "") + "Subject: " + subject +
+           "\r\nMIME-Version: 1.0\r\nContent-Type: text/plain; charset=\"utf-8\"\r\n\r\n" + body + "\r\n";
     return S_OK;
 }
 
-HRESULT writeAll(IStream* stream, const char* data, std::size_t size)
-{
-    while (size > 0) {
+class ConverterStandIn final : public ComObject<IConverterSession> {
+public:
+    explicit ConverterStandIn(std::shared_ptr<ConverterActivity> activity) : activity_(std::move(activity)) {}
+
+    HRESULT STDMETHODCALLTYPE MAPIToMIMEStm(LPMESSAGE message, LPSTREAM stream, ULONG flags) override
+    {
+        activity_->conversionFlags.push_back(flags);
+        if (!message || !stream || !activity_->freeBuffer)
+            return E_INVALIDARG;
+        RETURN_IF_FAILED(composeMime(message, activity_->freeBuffer, flags, activity_->lastMime));
+        const std::string& mime = activity_->lastMime;
+        // A converter that breaks down mid-way leaves half a mail behind.
+        const ULONG size = static_cast<ULONG>(activity_->conversionFails ? mime.size() / 2 : mime.size());
         ULONG written = 0;
-        const ULONG chunk = size > 0x10000 ? 0x10000 : static_cast<ULONG>(size);
-        RETURN_IF_FAILED(stream->Write(data, chunk, &written));
-        if (written == 0)
-            return STG_E_MEDIUMFULL;
-        data += written;
-        size -= written;
+        RETURN_IF_FAILED(stream->Write(mime.data(), size, &written));
+        return activity_->conversionFails ? MAPI_E_CALL_FAILED : S_OK;
     }
-    return S_OK;
-}
+    HRESULT STDMETHODCALLTYPE SetAdrBook(LPADRBOOK) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE SetEncoding(int) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE PlaceHolder1() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE MIMEToMAPI(LPSTREAM, LPMESSAGE, LPCSTR, ULONG) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE PlaceHolder2() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE PlaceHolder3() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE PlaceHolder4() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE SetTextWrapping(BOOL, ULONG) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE SetSaveFormat(int) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE PlaceHolder5() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE SetCharset(BOOL, void*, int) override { return S_OK; }
+
+private:
+    bool offers(REFIID iid) const override { return iid == IID_KvConverterSession; }
+
+    std::shared_ptr<ConverterActivity> activity_;
+};
 
 class ConverterFactory final : public ComObject<IClassFactory> {
 public:
-    ConverterFactory(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
-        : freeBuffer_(freeBuffer), activity_(std::move(activity))
+    explicit ConverterFactory(std::shared_ptr<ConverterActivity> activity) : activity_(std::move(activity)) {}
+    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID iid, void** object) override
     {
-    }
-
-    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        *object = nullptr;
-        if (outer)
-            return CLASS_E_NOAGGREGATION;
-        // As on a machine without Outlook: the class is not there.
-        if (activity_->creationFailure == ConverterCreationFailure::ClassNotRegistered)
-            return REGDB_E_CLASSNOTREG;
-        auto converter = ConverterStandIn::create(freeBuffer_, activity_);
-        ++activity_->instancesCreated;
-        return converter->QueryInterface(riid, object);
+        ComPtr<IConverterSession> converter;
+        converter = adoptCom(new ConverterStandIn(activity_));
+        return converter->QueryInterface(iid, object);
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 
 private:
-    bool offers(REFIID riid) const override { return riid == IID_IClassFactory; }
+    bool offers(REFIID iid) const override { return iid == IID_IClassFactory; }
 
-    LPFREEBUFFER freeBuffer_;
     std::shared_ptr<ConverterActivity> activity_;
 };
 
-}  // namespace
-
-ComPtr<ConverterStandIn> ConverterStandIn::create(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
-{
-    ComPtr<ConverterStandIn> converter;
-    converter = adoptCom(new ConverterStandIn(freeBuffer, std::move(activity)));
-    return converter;
-}
-
-ConverterStandIn::ConverterStandIn(LPFREEBUFFER freeBuffer, std::shared_ptr<ConverterActivity> activity)
-    : freeBuffer_(freeBuffer), activity_(activity ? std::move(activity) : std::make_shared<ConverterActivity>())
-{
-}
-
-bool ConverterStandIn::offers(REFIID riid) const
-{
-    return riid == IID_KvConverterSession &&
-           activity_->creationFailure != ConverterCreationFailure::NoConverterInterface;
-}
-
-HRESULT STDMETHODCALLTYPE ConverterStandIn::SetAdrBook(LPADRBOOK) { return S_OK; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::SetEncoding(int) { return S_OK; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::PlaceHolder1() { return E_NOTIMPL; }
-
-HRESULT STDMETHODCALLTYPE ConverterStandIn::MIMEToMAPI(LPSTREAM, LPMESSAGE, LPCSTR, ULONG)
-{
-    return MAPI_E_NO_SUPPORT;  // the add-in only ever converts to MIME
-}
-
-HRESULT STDMETHODCALLTYPE ConverterStandIn::MAPIToMIMEStm(LPMESSAGE message, LPSTREAM stream, ULONG flags)
-{
-    ++activity_->conversionCalls;
-    activity_->conversionFlags.push_back(flags);
-    if (!message || !stream)
-        return E_INVALIDARG;
-    if (!freeBuffer_)
-        return MAPI_E_CALL_FAILED;  // without the message's MAPIFreeBuffer nothing can be read safely
-
-    MimeMail mail;
-    RETURN_IF_FAILED(readProperties(message, freeBuffer_, mail));
-    RETURN_IF_FAILED(readRecipients(message, freeBuffer_, mail));
-    activity_->lastMime = composeMime(mail, flags);
-
-    const std::string& mime = activity_->lastMime;
-    if (activity_->conversionFails) {
-        // A converter that breaks down mid-way leaves a truncated mail behind.
-        RETURN_IF_FAILED(writeAll(stream, mime.data(), mime.size() / 2));
-        return MAPI_E_CALL_FAILED;
-    }
-    return writeAll(stream, mime.data(), mime.size());
-}
-
-HRESULT STDMETHODCALLTYPE ConverterStandIn::PlaceHolder2() { return E_NOTIMPL; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::PlaceHolder3() { return E_NOTIMPL; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::PlaceHolder4() { return E_NOTIMPL; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::SetTextWrapping(BOOL, ULONG) { return S_OK; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::SetSaveFormat(int) { return S_OK; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::PlaceHolder5() { return E_NOTIMPL; }
-HRESULT STDMETHODCALLTYPE ConverterStandIn::SetCharset(BOOL, void*, int) { return S_OK; }
+} // namespace
 
 ConverterRegistration::ConverterRegistration(LPFREEBUFFER freeBuffer)
-    : activity_(std::make_shared<ConverterActivity>())
+    : activity_(std::make_shared<ConverterActivity>(ConverterActivity{freeBuffer}))
 {
-    ComPtr<IClassFactory> factory;
-    factory = adoptCom(new ConverterFactory(freeBuffer, activity_));
-    // COM keeps its own reference to the factory until the class is revoked.
-    registrationResult_ = CoRegisterClassObject(CLSID_KvConverterSession, factory.Get(), CLSCTX_INPROC_SERVER,
-                                                REGCLS_MULTIPLEUSE, &cookie_);
+    factory_ = adoptCom(new ConverterFactory(activity_));
+    setRegistered(true);
 }
 
-ConverterRegistration::~ConverterRegistration()
+void ConverterRegistration::setRegistered(bool registered)
 {
-    if (SUCCEEDED(registrationResult_))
+    if (cookie_)
         CoRevokeClassObject(cookie_);
+    cookie_ = 0;
+    if (registered)
+        CoRegisterClassObject(CLSID_KvConverterSession, factory_.Get(), CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_);
 }

@@ -7,9 +7,6 @@
 // Read at every call: "fail" makes OpenIMsgOnIStg return MAPI_E_CORRUPT_DATA.
 inline constexpr const wchar_t* standInMapiOpenSwitch = L"KORVANE_STANDIN_MAPI_OPEN";
 
-// Exported by name only the stand-in has, ULONG WINAPI f(void):
-// calls of OpenIMsgOnIStg so far (failed ones included), and blocks from
+// Exported by name only the stand-in has, ULONG WINAPI f(void): blocks from
 // MAPIAllocateBuffer/MAPIAllocateMore not yet freed.
-inline constexpr const char* standInOpenCountExport = "StandInOpenCount";
 inline constexpr const char* standInLiveAllocationsExport = "StandInLiveAllocations";
-using StandInCounter = ULONG(WINAPI*)();

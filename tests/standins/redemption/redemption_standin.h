@@ -1,9 +1,8 @@
 #pragma once
-// What a test needs to drive the Redemption stand-in (built as
-// bin/standins/Redemption64.dll, Redemption.dll on i686): the class it
-// serves, its switches and the errors it answers with. A failing call reaches
-// the caller as DISP_E_EXCEPTION with the code below in EXCEPINFO::scode, the
-// way automation objects report errors.
+// What a test needs to drive the Redemption stand-in, built in bin/standins/
+// under the file name the add-in looks for (redemptionFileName()): the class
+// it serves and its switches. A failing call reaches the caller as
+// DISP_E_EXCEPTION, the way automation objects report errors.
 #include <windows.h>
 
 // The session class, created through the library's own DllGetClassObject.
@@ -11,31 +10,8 @@
 inline constexpr CLSID standInRedemptionSessionClsid = {
     0x29ab7a12, 0xb531, 0x450e, {0x8f, 0x7a, 0xea, 0x94, 0xc2, 0xf3, 0xc0, 0x5f}};
 
-// The file name the add-in looks for beside itself.
-#ifdef _WIN64
-inline constexpr const wchar_t* standInRedemptionFileName = L"Redemption64.dll";
-#else
-inline constexpr const wchar_t* standInRedemptionFileName = L"Redemption.dll";
-#endif
-
 // Read at every call: "fail-decrypt" makes GetDecryptedMessage fail,
 // "fail-saveas" makes SaveAs fail.
 inline constexpr const wchar_t* standInRedemptionSwitch = L"KORVANE_STANDIN_REDEMPTION";
 inline constexpr const wchar_t* standInRedemptionFailDecrypt = L"fail-decrypt";
 inline constexpr const wchar_t* standInRedemptionFailSaveAs = L"fail-saveas";
-
-// Set to "1" in the process when the library is loaded.
-inline constexpr const wchar_t* standInRedemptionLoadedMarker = L"KORVANE_STANDIN_REDEMPTION_LOADED";
-
-// GetDecryptedMessage under "fail-decrypt": no key to decrypt with.
-inline constexpr HRESULT standInRedemptionDecryptError = E_ACCESSDENIED;
-// SaveAs under "fail-saveas".
-inline constexpr HRESULT standInRedemptionSaveAsError = STG_E_CANTSAVE;
-// GetMessageFromMsgFile on a compound file whose properties can't be read.
-// A file that is no compound file at all gives StgOpenStorageEx's own error
-// (STG_E_FILENOTFOUND, STG_E_FILEALREADYEXISTS for a file of another kind).
-inline constexpr HRESULT standInRedemptionCorruptMessage = MAKE_HRESULT(1, FACILITY_ITF, 0x11B); // MAPI_E_CORRUPT_DATA
-
-// SaveAs types: 3 writes the .msg (decrypted when the mail object came from
-// GetDecryptedMessage), any other value a plain-text RFC 822 mail.
-inline constexpr LONG standInRedemptionSaveAsMsg = 3;
