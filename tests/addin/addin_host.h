@@ -1,84 +1,89 @@
 #pragma once
-// What the add-in tests need to play Outlook: a copy of the real DLL with its
-// own statics, the add-in objects made through the DLL's class factory, the
-// add-in's own settings key (the DLL reads no other) and the DLL's log file,
-// and ribbon controls as Office hands them to callbacks.
+// The add-in tests' one fixture: a copy of the real DLL (with its own statics,
+// texts and install.cfg beside it) whose objects come from its class factory
+// and connect to the Outlook stand-in, its log, and the add-in's own settings
+// key (the DLL reads no other), empty before and after each test.
 #include "korvane_h.h"
-#include "e2e_shared/dispatch_standin.h"
+#include "addin/globals.h"
+#include "common/com_variant.h"
+#include "common/strings.h"
+#include "e2e_shared/outlook_standin.h"
+#include "install/reg_util.h"
 #include "support/scratch.h"
 
-#include <windows.h>
+#include <gtest/gtest.h>
 #include <wrl/client.h>
 
-#include <string>
+#include <memory>
 #include <vector>
 
-// HKCU\Software\QUEMBROOK\Korvane Addin for Microsoft Outlook (and the same
-// under HKLM), emptied before and after the test in the private Wine prefix.
-class ProductSettingsKey {
-public:
-    ProductSettingsKey();
-    ~ProductSettingsKey();
-    ProductSettingsKey(const ProductSettingsKey&) = delete;
-    ProductSettingsKey& operator=(const ProductSettingsKey&) = delete;
+using Microsoft::WRL::ComPtr;
 
-    static std::wstring userPath(const std::wstring& name);
-    void set(const std::wstring& name, const std::wstring& value) const;
-    std::wstring get(const std::wstring& name) const;
-
-private:
-    static void removeAll();
-};
-
-// A copy of the add-in DLL in `folder` and its COM entry points.
-class AddinDll {
-public:
-    explicit AddinDll(const ScratchFolder& folder);
-
-    HMODULE module() const { return copy_.module(); }
-    std::wstring path() const;
-    HRESULT getClassObject(REFCLSID clsid, REFIID iid, void** object) const;
-    HRESULT canUnloadNow() const;
-    // A new add-in object, not aggregated, asked for iid.
-    template <typename Interface>
-    Microsoft::WRL::ComPtr<Interface> create() const
-    {
-        Microsoft::WRL::ComPtr<Interface> object;
-        createInstance(nullptr, __uuidof(Interface), reinterpret_cast<void**>(object.GetAddressOf()));
-        return object;
-    }
-    HRESULT createInstance(IUnknown* outer, REFIID iid, void** object) const;
-
-    template <typename Function>
-    Function* entryPoint(const char* name) const
-    {
-        return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(module(), name)));
-    }
-
-private:
-    AddinCopy copy_;
-};
-
-// Points the DLL's log at a scratch file at DEBUG level; the DLL opens it
-// when the add-in connects.
-class AddinLog {
-public:
-    AddinLog(const ScratchFolder& folder, const ProductSettingsKey& settings);
-    std::string contents() const { return readBytes(path_); }
-    // The messages of the log's lines: what follows "<level> <logger>:<line> ".
-    std::vector<std::string> messages() const;
-    // Index of the first message containing `text` at or after `from`; -1 if none.
-    int find(const std::string& text, int from = 0) const;
-
-private:
-    std::wstring path_;
-};
+template <typename Function>
+Function* exportOf(HMODULE module, const char* name)
+{
+    return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
 
 // A ribbon control as Office passes it to the callbacks: "Id" and "Tag".
-Microsoft::WRL::ComPtr<DispatchStandIn> ribbonControl(const std::wstring& id, const std::wstring& tag = L"");
+OwnedVariant ribbonControl(const std::wstring& id, const std::wstring& tag = L"");
 
-// Office's IRibbonUI: records InvalidateControl calls.
-Microsoft::WRL::ComPtr<DispatchStandIn> ribbonUi();
+// The add-in as Outlook loads it.
+struct LoadedAddin {
+    ~LoadedAddin() { shutdown(); }
+    HRESULT classObject(REFCLSID clsid, REFIID iid, void** made) const
+    {
+        return exportOf<HRESULT STDAPICALLTYPE(REFCLSID, REFIID, void**)>(dll.module(), "DllGetClassObject")(clsid, iid,
+                                                                                                           made);
+    }
+    HRESULT canUnloadNow() const { return exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), "DllCanUnloadNow")(); }
+    HRESULT createInstance(IUnknown* outer, REFIID iid, void** made) const;
+    template <typename Interface>
+    ComPtr<Interface> create() const
+    {
+        ComPtr<Interface> made;
+        createInstance(nullptr, __uuidof(Interface), reinterpret_cast<void**>(made.GetAddressOf()));
+        return made;
+    }
+    void writeTexts(const std::wstring& language, const std::string& lines) const
+    {
+        writeBytes(folder.file(L"resource_" + language + L".txt"), lines);
+    }
+    // The log at DEBUG in the scratch folder, a new object unless there is one, OnConnection.
+    void connect();
+    void shutdown(); // OnBeginShutdown and OnDisconnection, when connected
+    // A callback called as Office calls it: by dispatch id, the arguments in call order.
+    HRESULT invoke(DISPID id, std::vector<OwnedVariant> args, UniqueVariant& result) const;
+    std::string log() const { return readBytes(folder.file(L"korvane.log")); }
 
-// Texts of a language beside the DLL copy, so that the test knows them.
-void writeTexts(const ScratchFolder& folder, const std::string& language, const std::string& lines);
+    ScratchFolder folder;
+    AddinCopy dll{folder};
+    OutlookStandIn outlook;
+    ComPtr<IUnknown> object;
+    bool connected = false;
+};
+
+struct Addin : testing::Test, LoadedAddin {
+    Addin() { removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName); }
+    ~Addin() override
+    {
+        shutdown();
+        removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName);
+    }
+    // HKCU\Software\QUEMBROOK\Korvane Addin for Microsoft Outlook[\name], and HKLM's.
+    static std::wstring userPlace(const std::wstring& name)
+    {
+        return L"HKCU\\Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook" + (name.empty() ? L"" : L"\\" + name);
+    }
+    static void user(const std::wstring& name, const std::wstring& value) { setValue(userPlace(name), value); }
+    static void machine(const std::wstring& name, const std::wstring& value) { setValue(L"HKLM" + userPlace(name).substr(4), value); }
+    static std::wstring userValue(const std::wstring& name) { return RegUtil::readString(userPlace(name)); }
+    static void setValue(const std::wstring& path, const std::wstring& value) { ASSERT_TRUE(RegUtil::setRegValue(path, L"", value)); }
+    // A settings object of this program on that key, with the DLL copy's folder for texts and install.cfg.
+    std::unique_ptr<Globals> globals() const
+    {
+        auto made = std::make_unique<Globals>(Globals::defaultCompanyName, Globals::defaultProductName);
+        made->setModule(dll.module());
+        return made;
+    }
+};

@@ -1,334 +1,237 @@
-// The add-in object as COM serves it: class factory, interfaces and identity,
-// aggregation, the lock count that decides unloading, and the IDispatch of
-// each dual interface.
+// The add-in object as COM and Outlook use it: the class factory, its
+// interfaces, aggregation, unloading, the dispatch table of the callbacks,
+// the connection events in Outlook's order, and the exception barriers.
 #include "addin_host.h"
 
 #include "addin/class_factory.h"
 #include "addin/delayed_drag_drop_start.h"
-#include "addin/log.h"
 #include "addin/kv_drag_drop_addin.h"
-#include "common/com_variant.h"
 #include "install/base64_files.h"
 #include "install/installer_entry_points.h"
 #include "support/injected_fault.h"
 
-#include <gtest/gtest.h>
+
 #include <olectl.h>
 #include <shlwapi.h>
 
+#include <chrono>
 #include <functional>
-
-using Microsoft::WRL::ComPtr;
 
 namespace {
 
-// An object that aggregates the add-in: it answers its own IUnknown and
-// IPersist (class id IID_NULL) and hands every other request to the add-in's
-// inner IUnknown, as an aggregating host does.
-class AggregatingHost final : public IPersist {
-public:
-    explicit AggregatingHost(const AddinDll& dll)
-    {
-        createResult = dll.createInstance(this, IID_IUnknown, reinterpret_cast<void**>(inner_.GetAddressOf()));
-    }
-
+// Aggregates the add-in: answers its own IUnknown and IPersist and hands every
+// other request to the add-in's inner IUnknown.
+struct AggregatingHost final : IPersist {
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
     {
-        if (iid == IID_IUnknown || iid == IID_IPersist) {
-            *object = static_cast<IPersist*>(this);
-            AddRef();
-            return S_OK;
-        }
-        if (!inner_) {
-            *object = nullptr;
-            return E_NOINTERFACE;
-        }
-        return inner_->QueryInterface(iid, object);
+        if (iid != IID_IUnknown && iid != IID_IPersist)
+            return inner->QueryInterface(iid, object);
+        *object = static_cast<IPersist*>(this);
+        AddRef();
+        return S_OK;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
     ULONG STDMETHODCALLTYPE Release() override { return --references; }
-    HRESULT STDMETHODCALLTYPE GetClassID(CLSID* id) override
-    {
-        *id = IID_NULL;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE GetClassID(CLSID*) override { return E_NOTIMPL; }
 
-    // The host lives on the stack; the inner object goes when the host says so.
-    void releaseInner() { inner_.Reset(); }
-
-    HRESULT createResult = E_UNEXPECTED;
     ULONG references = 1;
-
-private:
-    ComPtr<IUnknown> inner_;
+    ComPtr<IUnknown> inner;
 };
 
-class AddinObject : public testing::Test {
-protected:
-    ProductSettingsKey settings;
-    ScratchFolder folder;
-    AddinDll dll{folder};
-};
-
-ComPtr<IUnknown> identityOf(IUnknown* object)
+IUnknown* identityOf(IUnknown* object)
 {
     ComPtr<IUnknown> identity;
-    EXPECT_EQ(object->QueryInterface(IID_PPV_ARGS(&identity)), S_OK);
-    return identity;
+    object->QueryInterface(IID_PPV_ARGS(&identity));
+    return identity.Get(); // the object holds it too
+}
+
+ULONG referencesOf(IUnknown* object)
+{
+    object->AddRef();
+    return object->Release();
 }
 
 } // namespace
 
-TEST_F(AddinObject, FactoryServesOnlyTheAddinClass)
+TEST_F(Addin, FactoryObjectsAggregationAndUnloading)
 {
     ComPtr<IClassFactory> factory;
-    EXPECT_EQ(dll.getClassObject(IID_IUnknown, IID_PPV_ARGS(&factory)), CLASS_E_CLASSNOTAVAILABLE);
-    EXPECT_EQ(factory, nullptr);
-    ASSERT_EQ(dll.getClassObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
-    ComPtr<IUnknown> object;
-    EXPECT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&object)), S_OK);
-    EXPECT_NE(object, nullptr);
-}
-
-TEST_F(AddinObject, OffersItsThreeInterfacesUnderOneIdentity)
-{
-    auto addin = dll.create<IUnknown>();
-    ASSERT_NE(addin, nullptr);
+    EXPECT_EQ(classObject(IID_IUnknown, IID_PPV_ARGS(&factory)), CLASS_E_CLASSNOTAVAILABLE);
+    EXPECT_EQ(canUnloadNow(), S_OK);
+    ASSERT_EQ(classObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
+    EXPECT_EQ(canUnloadNow(), S_FALSE);
+    ComPtr<IUnknown> addin, second;
     ComPtr<IKVDragDropAddin> callbacks;
     ComPtr<_IDTExtensibility2> connection;
     ComPtr<IRibbonExtensibility> ribbon;
     ComPtr<IDispatch> dispatch;
+    ComPtr<IPersist> persist;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&addin)), S_OK);
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&second)), S_OK);
     ASSERT_EQ(addin.As(&callbacks), S_OK);
     ASSERT_EQ(addin.As(&connection), S_OK);
     ASSERT_EQ(addin.As(&ribbon), S_OK);
     ASSERT_EQ(addin.As(&dispatch), S_OK);
-    // Office finds the callbacks behind the object's IDispatch.
+    EXPECT_EQ(addin.As(&persist), E_NOINTERFACE);
+    // One identity; Office finds the callbacks behind the object's IDispatch.
     EXPECT_EQ(static_cast<IUnknown*>(dispatch.Get()), static_cast<IUnknown*>(callbacks.Get()));
-    EXPECT_EQ(identityOf(connection.Get()), addin);
-    EXPECT_EQ(identityOf(ribbon.Get()), addin);
-    EXPECT_EQ(identityOf(callbacks.Get()), addin);
-
-    ComPtr<IPersist> notOffered;
-    EXPECT_EQ(addin.As(&notOffered), E_NOINTERFACE);
-    EXPECT_EQ(notOffered, nullptr);
-}
-
-TEST_F(AddinObject, AggregatedObjectAnswersThroughItsHost)
-{
-    AggregatingHost host(dll);
-    ASSERT_EQ(host.createResult, S_OK);
-
-    // The host finds the add-in's interfaces through itself...
-    ComPtr<_IDTExtensibility2> connection;
-    ASSERT_EQ(host.QueryInterface(IID_PPV_ARGS(&connection)), S_OK);
-    // ...and from them everything leads back to the host: identity, the
-    // host's own interfaces and its reference count.
-    EXPECT_EQ(identityOf(connection.Get()).Get(), static_cast<IUnknown*>(&host));
-    ComPtr<IPersist> persist;
-    EXPECT_EQ(connection.As(&persist), S_OK);
-    EXPECT_EQ(persist.Get(), &host);
-    persist.Reset();
-    const ULONG before = host.references;
-    connection->AddRef();
-    EXPECT_EQ(host.references, before + 1);
-    connection->Release();
-    EXPECT_EQ(host.references, before);
-
-    connection.Reset();
-    EXPECT_EQ(dll.canUnloadNow(), S_FALSE);
-    host.releaseInner();
-    EXPECT_EQ(dll.canUnloadNow(), S_OK);
-}
-
-TEST_F(AddinObject, AggregationMustAskForTheInnerUnknown)
-{
-    AggregatingHost host(dll);
-    ComPtr<IDispatch> dispatch;
-    EXPECT_EQ(dll.createInstance(&host, IID_PPV_ARGS(&dispatch)), CLASS_E_NOAGGREGATION);
-    EXPECT_EQ(dispatch, nullptr);
-}
-
-TEST_F(AddinObject, ContainedObjectKeepsItsOwnIdentity)
-{
-    // A host that holds the add-in as a plain object and calls it: the add-in
-    // neither knows nor reaches the host.
-    AggregatingHost container(dll);
-    auto contained = dll.create<IRibbonExtensibility>();
-    ASSERT_NE(contained, nullptr);
-    ComPtr<IPersist> persist;
-    EXPECT_EQ(contained.As(&persist), E_NOINTERFACE);
-    EXPECT_NE(identityOf(contained.Get()).Get(), static_cast<IUnknown*>(&container));
-    BSTR xml = nullptr;
-    BSTR id = SysAllocString(L"Microsoft.Outlook.Explorer");
-    EXPECT_EQ(contained->GetCustomUI(id, &xml), S_OK);
-    SysFreeString(id);
-    SysFreeString(xml);
-}
-
-TEST_F(AddinObject, DllCanBeUnloadedOnlyWhenNothingHoldsIt)
-{
-    EXPECT_EQ(dll.canUnloadNow(), S_OK);
-    ComPtr<IClassFactory> factory;
-    ASSERT_EQ(dll.getClassObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
-    EXPECT_EQ(dll.canUnloadNow(), S_FALSE);
-
-    ComPtr<IUnknown> first;
-    ComPtr<IUnknown> second;
-    ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&first)), S_OK);
-    ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&second)), S_OK);
+    EXPECT_EQ(identityOf(callbacks.Get()), addin.Get());
+    EXPECT_EQ(identityOf(connection.Get()), addin.Get());
+    EXPECT_EQ(identityOf(ribbon.Get()), addin.Get());
     ASSERT_EQ(factory->LockServer(TRUE), S_OK);
     factory.Reset();
-    first.Reset();
-    EXPECT_EQ(dll.canUnloadNow(), S_FALSE);
+    addin.Reset();
+    callbacks.Reset();
+    connection.Reset();
+    ribbon.Reset();
+    dispatch.Reset();
+    EXPECT_EQ(canUnloadNow(), S_FALSE);
     second.Reset();
-    // Only LockServer holds it now.
-    EXPECT_EQ(dll.canUnloadNow(), S_FALSE);
+    EXPECT_EQ(canUnloadNow(), S_FALSE) << "locked";
 
-    ASSERT_EQ(dll.getClassObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
+    // Aggregated: the host finds the add-in's interfaces through itself, and
+    // they lead back to the host: identity, its own interfaces, its references.
+    AggregatingHost host;
+    EXPECT_EQ(createInstance(&host, IID_PPV_ARGS(&dispatch)), CLASS_E_NOAGGREGATION) << "only the inner IUnknown";
+    ASSERT_EQ(createInstance(&host, IID_PPV_ARGS(&host.inner)), S_OK);
+    ASSERT_EQ(host.QueryInterface(IID_PPV_ARGS(&connection)), S_OK);
+    EXPECT_EQ(identityOf(connection.Get()), static_cast<IUnknown*>(&host));
+    EXPECT_EQ(connection.As(&persist), S_OK);
+    EXPECT_EQ(persist.Get(), &host);
+    EXPECT_EQ(connection->AddRef(), host.references);
+    connection->Release();
+    persist.Reset();
+    connection.Reset();
+    host.inner.Reset();
+    ASSERT_EQ(classObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
     EXPECT_EQ(factory->LockServer(FALSE), S_OK);
     factory.Reset();
-    EXPECT_EQ(dll.canUnloadNow(), S_OK);
+    EXPECT_EQ(canUnloadNow(), S_OK);
 }
 
-TEST_F(AddinObject, CallbackNamesResolveByTheFixedTable)
+TEST_F(Addin, CallbacksAreFoundByTheirFixedDispatchIds)
 {
-    auto dispatch = dll.create<IDispatch>();
-    ASSERT_NE(dispatch, nullptr);
-    const struct {
-        const wchar_t* name;
-        DISPID id;
-    } expected[] = {{L"Ribbon_onAction", 40},       {L"Ribbon_getImage", 42},
-                    {L"Ribbon_onLoad", 44},         {L"Ribbon_onTextFormatChanged", 51},
-                    {L"ribbon_onaction", 0},        {L"GetCustomUI", 0},
-                    {L"NoSuchCallback", 0}};
-    for (const auto& entry : expected) {
-        LPOLESTR names[] = {const_cast<LPOLESTR>(entry.name)};
-        DISPID id = -1;
-        EXPECT_EQ(dispatch->GetIDsOfNames(IID_NULL, names, 1, LOCALE_SYSTEM_DEFAULT, &id), S_OK) << entry.name;
-        EXPECT_EQ(id, entry.id) << entry.name;
+    object = create<IUnknown>();
+    ComPtr<IDispatch> dispatch;
+    ComPtr<_IDTExtensibility2> connection;
+    ASSERT_EQ(object.As(&dispatch), S_OK);
+    ASSERT_EQ(object.As(&connection), S_OK);
+    const std::tuple<IDispatch*, const wchar_t*, DISPID, HRESULT> names[] = {
+        {dispatch.Get(), L"Ribbon_onAction", 40, S_OK}, {dispatch.Get(), L"Ribbon_getPressed", 41, S_OK},
+        {dispatch.Get(), L"Ribbon_getImage", 42, S_OK}, {dispatch.Get(), L"Ribbon_getLabel", 43, S_OK},
+        {dispatch.Get(), L"Ribbon_onLoad", 44, S_OK}, {dispatch.Get(), L"Ribbon_getSelectedFormatID", 45, S_OK},
+        {dispatch.Get(), L"Ribbon_onFormatChanged", 46, S_OK}, {dispatch.Get(), L"Ribbon_getFormatLabel", 47, S_OK},
+        {dispatch.Get(), L"Ribbon_getFormatId", 48, S_OK}, {dispatch.Get(), L"Ribbon_getFormatCount", 49, S_OK},
+        {dispatch.Get(), L"Ribbon_getSelectedTextFormatID", 50, S_OK},
+        {dispatch.Get(), L"Ribbon_onTextFormatChanged", 51, S_OK}, {dispatch.Get(), L"ribbon_onaction", 0, S_OK},
+        {dispatch.Get(), L"NoSuchCallback", 0, S_OK},
+        // Office's own interfaces by their own descriptions.
+        {connection.Get(), L"OnStartupComplete", 4, S_OK}, {connection.Get(), L"Ribbon_onAction", -1, DISP_E_UNKNOWNNAME},
+    };
+    for (const auto& [target, name, id, answer] : names) {
+        LPOLESTR one[] = {const_cast<LPOLESTR>(name)};
+        DISPID found = -1;
+        EXPECT_EQ(target->GetIDsOfNames(IID_NULL, one, 1, 0, &found), answer) << wideToUtf8(name);
+        EXPECT_EQ(found, id) << wideToUtf8(name);
     }
-}
-
-TEST_F(AddinObject, MemberWithParameterNamesResolvesThroughTheTypeLibrary)
-{
-    auto dispatch = dll.create<IDispatch>();
-    ASSERT_NE(dispatch, nullptr);
-    LPOLESTR names[] = {const_cast<LPOLESTR>(L"Ribbon_onFormatChanged"), const_cast<LPOLESTR>(L"selectedIndex"),
-                        const_cast<LPOLESTR>(L"control")};
+    // With parameter names: the type library's lookup, parameters numbered by position.
+    LPOLESTR withParameters[] = {const_cast<LPOLESTR>(L"Ribbon_onFormatChanged"),
+                                 const_cast<LPOLESTR>(L"selectedIndex"), const_cast<LPOLESTR>(L"control")};
     DISPID ids[3] = {-1, -1, -1};
-    ASSERT_EQ(dispatch->GetIDsOfNames(IID_NULL, names, 3, LOCALE_SYSTEM_DEFAULT, ids), S_OK);
-    EXPECT_EQ(ids[0], 46);
-    EXPECT_EQ(ids[1], 2); // parameters are numbered by position
-    EXPECT_EQ(ids[2], 0);
-
-    LPOLESTR unknown[] = {const_cast<LPOLESTR>(L"Ribbon_onFormatChanged"), const_cast<LPOLESTR>(L"nope")};
-    EXPECT_EQ(dispatch->GetIDsOfNames(IID_NULL, unknown, 2, LOCALE_SYSTEM_DEFAULT, ids), DISP_E_UNKNOWNNAME);
-}
-
-TEST_F(AddinObject, TypeInfoDescribesTheCallbacks)
-{
-    auto dispatch = dll.create<IDispatch>();
-    ASSERT_NE(dispatch, nullptr);
+    ASSERT_EQ(dispatch->GetIDsOfNames(IID_NULL, withParameters, 3, 0, ids), S_OK);
+    EXPECT_EQ(std::vector<DISPID>(ids, ids + 3), (std::vector<DISPID>{46, 2, 0}));
+    withParameters[1] = const_cast<LPOLESTR>(L"nope");
+    EXPECT_EQ(dispatch->GetIDsOfNames(IID_NULL, withParameters, 2, 0, ids), DISP_E_UNKNOWNNAME);
     UINT count = 0;
+    ComPtr<ITypeInfo> typeInfo;
+    TYPEATTR* attributes = nullptr;
     ASSERT_EQ(dispatch->GetTypeInfoCount(&count), S_OK);
     EXPECT_EQ(count, 1u);
-    ComPtr<ITypeInfo> typeInfo;
-    ASSERT_EQ(dispatch->GetTypeInfo(0, LOCALE_SYSTEM_DEFAULT, &typeInfo), S_OK);
-    TYPEATTR* attributes = nullptr;
+    ASSERT_EQ(dispatch->GetTypeInfo(0, 0, &typeInfo), S_OK);
     ASSERT_EQ(typeInfo->GetTypeAttr(&attributes), S_OK);
     EXPECT_EQ(attributes->guid, IID_IKVDragDropAddin);
     EXPECT_TRUE(attributes->wTypeFlags & TYPEFLAG_FDUAL);
     typeInfo->ReleaseTypeAttr(attributes);
-    BSTR name = nullptr;
-    UINT names = 0;
-    ASSERT_EQ(typeInfo->GetNames(42, &name, 1, &names), S_OK);
-    EXPECT_STREQ(name, L"Ribbon_getImage");
-    SysFreeString(name);
-    EXPECT_EQ(dispatch->GetTypeInfo(1, LOCALE_SYSTEM_DEFAULT, &typeInfo), DISP_E_BADINDEX);
-}
 
-TEST_F(AddinObject, InvokeRefusesWhatNoCallbackTakes)
-{
-    auto dispatch = dll.create<IDispatch>();
-    ASSERT_NE(dispatch, nullptr);
-    DISPPARAMS none{};
+    // Invoke: the callbacks only, each with its own arguments.
     UniqueVariant result;
-    EXPECT_EQ(dispatch->Invoke(39, IID_NULL, LOCALE_SYSTEM_DEFAULT, DISPATCH_METHOD, &none, result.put(), nullptr,
-                               nullptr),
-              DISP_E_MEMBERNOTFOUND);
-    EXPECT_EQ(dispatch->Invoke(52, IID_NULL, LOCALE_SYSTEM_DEFAULT, DISPATCH_METHOD, &none, result.put(), nullptr,
-                               nullptr),
-              DISP_E_MEMBERNOTFOUND);
-    // Ribbon_getLabel wants its control.
-    EXPECT_EQ(dispatch->Invoke(43, IID_NULL, LOCALE_SYSTEM_DEFAULT, DISPATCH_METHOD, &none, result.put(), nullptr,
-                               nullptr),
-              DISP_E_BADPARAMCOUNT);
-    // Ribbon_getFormatLabel(control, index) with a text where the index goes.
-    auto control = ribbonControl(L"cbFormat");
-    VARIANT args[2];
-    args[0].vt = VT_BSTR; // last argument first
-    args[0].bstrVal = SysAllocString(L"not a number");
-    args[1].vt = VT_DISPATCH;
-    args[1].pdispVal = control.Get();
-    DISPPARAMS params{args, nullptr, 2, 0};
-    UINT argumentError = 99;
-    EXPECT_EQ(dispatch->Invoke(47, IID_NULL, LOCALE_SYSTEM_DEFAULT, DISPATCH_METHOD, &params, result.put(), nullptr,
-                               &argumentError),
-              DISP_E_TYPEMISMATCH);
-    EXPECT_EQ(argumentError, 0u);
-    SysFreeString(args[0].bstrVal);
+    EXPECT_EQ(invoke(39, {}, result), DISP_E_MEMBERNOTFOUND);
+    EXPECT_EQ(invoke(52, {}, result), DISP_E_MEMBERNOTFOUND);
+    EXPECT_EQ(invoke(43, {}, result), DISP_E_BADPARAMCOUNT);
+    EXPECT_EQ(invoke(47, {ribbonControl(L"cbFormat"), variant(L"not a number")}, result), DISP_E_TYPEMISMATCH);
 }
 
-TEST_F(AddinObject, OfficeInterfacesDispatchThroughTheirOwnDescriptions)
+// Outlook's connection events in its order, as Outlook and the log see them.
+TEST_F(Addin, ConnectionsFromStartToDisablingAndClosing)
 {
-    auto addin = dll.create<IUnknown>();
+    writeTexts(L"de", "buttonActive = Echte Dateien: an\n");
+    user(L"LogAppend", L"true"); // both connections in one log
+    outlook.setLanguageId(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN));
+    IDispatch* application = outlook.application();
+    const ULONG unconnected = referencesOf(application);
+    object = create<IUnknown>();
+    EXPECT_EQ(userValue(L"TextFormat"), L"");
+    connect();
+    // The version, the marker of a new connection, the connection's trace.
+    const std::string text = log();
+    const size_t version = text.find(" Version " + std::to_string(KORVANE_VERSION_MAJOR) + "." +
+                                     std::to_string(KORVANE_VERSION_MINOR) + "." +
+                                     std::to_string(KORVANE_VERSION_PATCH) + "." +
+                                     std::to_string(KORVANE_VERSION_TWEAK) + "\r\n");
+    ASSERT_NE(version, std::string::npos) << text;
+    const size_t lineStart = text.rfind('\n', version) + 1;
+    EXPECT_NE(text.substr(lineStart, version - lineStart).find(" INFO Globals:"), std::string::npos);
+    EXPECT_LT(version, text.find(" INFO KVDragDropAddin:", version));
+    EXPECT_LT(text.find(" -----------\r\n", version), text.find("OnConnection(application="));
+    EXPECT_EQ(userValue(L"TextFormat"), L"none") << "the first start sets the text format";
+    EXPECT_GT(referencesOf(application), unconnected);
+    UniqueVariant label;
+    EXPECT_EQ(invoke(43, {ribbonControl(L"bnOnOff")}, label), S_OK);
+    EXPECT_EQ(label.text(), L"Echte Dateien: an") << "Office's user-interface language";
+    EXPECT_EQ(outlook.languageSettingsObject().lastCall(L"LanguageID")->args.at(0).number(), 2);
+
+    // Interception a few seconds after the add-ins update, off when the user disables the add-in.
     ComPtr<_IDTExtensibility2> connection;
-    ComPtr<IRibbonExtensibility> ribbon;
-    ASSERT_EQ(addin.As(&connection), S_OK);
-    ASSERT_EQ(addin.As(&ribbon), S_OK);
+    ASSERT_EQ(object.As(&connection), S_OK);
+    const auto updated = std::chrono::steady_clock::now();
+    ASSERT_EQ(connection->OnAddInsUpdate(nullptr), S_OK);
+    EXPECT_EQ(log().find("EnableDragDrop("), std::string::npos) << "switched on at once";
+    while (log().find("EnableDragDrop(enable=1") == std::string::npos &&
+           std::chrono::steady_clock::now() - updated < std::chrono::seconds(10))
+        Sleep(50);
+    EXPECT_GE(std::chrono::steady_clock::now() - updated, std::chrono::milliseconds(2900));
+    ASSERT_NE(log().find("EnableDragDrop(enable=1"), std::string::npos) << "never switched on";
+    ASSERT_EQ(connection->OnStartupComplete(nullptr), S_OK);
+    ASSERT_EQ(connection->OnDisconnection(ext_dm_UserClosed, nullptr), S_OK);
+    EXPECT_LT(log().find("OnDisconnection()"), log().find("EnableDragDrop(enable=0"));
+    EXPECT_NE(log().find("EnableDragDrop(enable=0"), std::string::npos);
+    EXPECT_EQ(referencesOf(application), unconnected);
 
-    LPOLESTR startup[] = {const_cast<LPOLESTR>(L"OnStartupComplete")};
-    DISPID id = -1;
-    ASSERT_EQ(connection->GetIDsOfNames(IID_NULL, startup, 1, LOCALE_SYSTEM_DEFAULT, &id), S_OK);
-    EXPECT_EQ(id, 4);
-    LPOLESTR callback[] = {const_cast<LPOLESTR>(L"Ribbon_onAction")};
-    EXPECT_EQ(connection->GetIDsOfNames(IID_NULL, callback, 1, LOCALE_SYSTEM_DEFAULT, &id), DISP_E_UNKNOWNNAME);
-
-    // GetCustomUI called by dispatch id 1, as Office may call it. Without
-    // ribbon info the add-in answers with no XML.
-    VARIANT ribbonId;
-    ribbonId.vt = VT_BSTR;
-    ribbonId.bstrVal = SysAllocString(L"Microsoft.Outlook.Explorer");
-    DISPPARAMS params{&ribbonId, nullptr, 1, 0};
-    UniqueVariant result;
-    ASSERT_EQ(ribbon->Invoke(1, IID_NULL, LOCALE_SYSTEM_DEFAULT, DISPATCH_METHOD, &params, result.put(), nullptr,
-                             nullptr),
-              S_OK);
-    EXPECT_EQ(result->vt, VT_BSTR);
-    EXPECT_EQ(SysStringLen(result->bstrVal), 0u);
-    SysFreeString(ribbonId.bstrVal);
+    // Outlook closing: nothing is logged after the beginning of the shutdown.
+    connect();
+    shutdown();
+    EXPECT_TRUE(log().ends_with(" OnBeginShutdown()\r\n")) << log().substr(log().size() - 300);
+    EXPECT_EQ(referencesOf(application), unconnected);
 }
 
 // Objects and exports of this program itself (the DLL's entry sources are
 // built into it), so that the barriers' test seam reaches them: every edge
 // that Outlook, COM or a setup program calls answers an exception inside as
 // its failure, and nothing escapes.
-TEST(AddinEdges, AnExceptionInsideIsAnsweredAsItsFailure)
+TEST_F(Addin, AnExceptionAtAnyEdgeIsAnsweredAsItsFailure)
 {
-    ProductSettingsKey settings;
     ComPtr<IKVDragDropAddin> addin;
-    ASSERT_EQ(CKVDragDropAddin::create(nullptr, IID_PPV_ARGS(&addin)), S_OK);
     ComPtr<_IDTExtensibility2> connection;
     ComPtr<IRibbonExtensibility> ribbon;
     ComPtr<IClassFactory> factory;
+    ASSERT_EQ(CKVDragDropAddin::create(nullptr, IID_PPV_ARGS(&addin)), S_OK);
     ASSERT_EQ(addin.As(&connection), S_OK);
     ASSERT_EQ(addin.As(&ribbon), S_OK);
     ASSERT_EQ(createKVDragDropAddinFactory(IID_PPV_ARGS(&factory)), S_OK);
-    auto control = ribbonControl(L"bnOnOff");
-    VARIANT controlArgument;
-    controlArgument.vt = VT_DISPATCH;
-    controlArgument.pdispVal = control.Get();
-    DISPPARAMS params{&controlArgument, nullptr, 1, 0};
+    const OwnedVariant control = ribbonControl(L"bnOnOff");
+    IDispatch* button = control.get().pdispVal;
+    VARIANT argument = control.get();
+    DISPPARAMS params{&argument, nullptr, 1, 0};
     UniqueVariant result;
     BSTR text = nullptr;
     void* made = nullptr;
@@ -344,8 +247,8 @@ TEST(AddinEdges, AnExceptionInsideIsAnsweredAsItsFailure)
         {"OnBeginShutdown", S_OK, [&] { return connection->OnBeginShutdown(nullptr); }},
         {"OnDisconnection", S_OK, [&] { return connection->OnDisconnection(ext_dm_HostShutdown, nullptr); }},
         {"GetCustomUI", S_OK, [&] { return ribbon->GetCustomUI(explorer, &text); }},
-        {"Ribbon_onAction", S_OK, [&] { return addin->Ribbon_onAction(control.Get(), VARIANT_TRUE); }},
-        {"Ribbon_getLabel", E_OUTOFMEMORY, [&] { return addin->Ribbon_getLabel(control.Get(), &text); }},
+        {"Ribbon_onAction", S_OK, [&] { return addin->Ribbon_onAction(button, VARIANT_TRUE); }},
+        {"Ribbon_getLabel", E_OUTOFMEMORY, [&] { return addin->Ribbon_getLabel(button, &text); }},
         {"IKVDragDropAddin::Invoke", E_OUTOFMEMORY,
          [&] { return addin->Invoke(43, IID_NULL, 0, DISPATCH_METHOD, &params, result.put(), nullptr, nullptr); }},
         {"CreateInstance", E_OUTOFMEMORY, [&] { return factory->CreateInstance(nullptr, IID_IUnknown, &made); }},
@@ -361,7 +264,7 @@ TEST(AddinEdges, AnExceptionInsideIsAnsweredAsItsFailure)
         {"nativeUninstall", E_OUTOFMEMORY,
          [] { return HRESULT(Java_com_quembrook_com_KorvaneDll_nativeUninstall(nullptr, nullptr, nullptr)); }},
     };
-    LogCapture log(LOG_ERROR);
+    const LogCapture log(LOG_ERROR);
     for (const auto& edge : edges) {
         const InjectedFault fault(edge.edge);
         EXPECT_EQ(edge.call(), edge.answer) << edge.edge;
@@ -370,7 +273,7 @@ TEST(AddinEdges, AnExceptionInsideIsAnsweredAsItsFailure)
         EXPECT_NE(log.contents().find(std::string(edge.edge) + " failed with an exception"), std::string::npos)
             << edge.edge;
     }
-    EXPECT_EQ(settings.get(L"Locked"), L"") << "the toggle that failed changed nothing";
+    EXPECT_EQ(userValue(L"Locked"), L"") << "the toggle that failed changed nothing";
     SysFreeString(explorer);
 
     // The thread that switches interception on after the delay.

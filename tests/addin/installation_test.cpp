@@ -4,17 +4,12 @@
 // finds and creates its add-ins.
 #include "addin_host.h"
 
-#include "common/strings.h"
 #include "common/unique_resource.h"
 #include "install/java_native.h"
 #include "support/child_process.h"
 #include "support/registry_snapshot.h"
 
-#include <gtest/gtest.h>
-
 #include <deque>
-
-using Microsoft::WRL::ComPtr;
 
 namespace {
 
@@ -23,11 +18,33 @@ constexpr const wchar_t* productSubKey = L"Software\\QUEMBROOK\\Korvane Addin fo
 constexpr const wchar_t* ribbonInfoName = L"\\Ribbon.Microsoft.Outlook.Explorer";
 constexpr const wchar_t* defaultName = L"Korvane Addin for Microsoft Outlook";
 
-void setRaw(HKEY root, const std::wstring& subKey, const std::wstring& value)
+// The registry before the installation: with the keys that every machine
+// with Outlook has (a fresh Wine prefix lacks them; removal leaves them).
+RegistrySnapshot registryBefore()
 {
-    ASSERT_EQ(RegSetKeyValueW(root, subKey.c_str(), nullptr, REG_SZ, value.c_str(),
-                              static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
+    for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
+        for (const wchar_t* subKey : {L"Software\\Microsoft\\Office", L"Software\\Classes"}) {
+            UniqueRegKey key;
+            EXPECT_EQ(RegCreateKeyExW(root, subKey, 0, nullptr, 0, KEY_READ, nullptr, key.put(), nullptr), 0);
+        }
+    }
+    return takeRegistrySnapshot();
+}
+
+void expectNothingLeft(const RegistrySnapshot& before)
+{
+    const auto left = registryChanges(before, takeRegistrySnapshot());
+    EXPECT_TRUE(left.empty()) << describeChanges(left);
+}
+
+HRESULT callExport(HMODULE dll, const char* name)
+{
+    return exportOf<HRESULT STDAPICALLTYPE()>(dll, name)();
+}
+
+void rundll32(HMODULE dll, const char* name, std::wstring params)
+{
+    exportOf<void CALLBACK(HWND, HINSTANCE, LPWSTR, int)>(dll, name)(nullptr, nullptr, params.data(), SW_HIDE);
 }
 
 // A JNIEnv as a JVM hands it to native methods, over strings of the test.
@@ -53,60 +70,13 @@ struct JavaStrings {
     std::deque<std::u16string> strings;
 };
 
-void rundll32(const AddinDll& dll, const char* name, std::wstring params)
-{
-    auto* function = dll.entryPoint<void CALLBACK(HWND, HINSTANCE, LPWSTR, int)>(name);
-    ASSERT_NE(function, nullptr) << name;
-    function(nullptr, nullptr, params.data(), SW_HIDE);
-}
-
-class Installation : public testing::Test {
-protected:
-    // Keys that every machine with Outlook has (a fresh Wine prefix lacks
-    // them); removal leaves them where they are.
-    void SetUp() override
-    {
-        for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
-            for (const wchar_t* subKey : {L"Software\\Microsoft\\Office", L"Software\\Classes"}) {
-                UniqueRegKey key;
-                ASSERT_EQ(RegCreateKeyExW(root, subKey, 0, nullptr, 0, KEY_READ | KEY_WOW64_64KEY, nullptr,
-                                          key.put(), nullptr),
-                          ERROR_SUCCESS);
-            }
-        }
-        before = takeRegistrySnapshot();
-    }
-
-    HRESULT callExport(const char* name) const
-    {
-        auto* function = dll.entryPoint<HRESULT STDAPICALLTYPE()>(name);
-        return function ? function() : E_NOTIMPL;
-    }
-    HRESULT dllInstall(BOOL on, const wchar_t* commandLine) const
-    {
-        auto* function = dll.entryPoint<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>("DllInstall");
-        return function ? function(on, commandLine) : E_NOTIMPL;
-    }
-    void rundll32(const char* name, const std::wstring& params) const { ::rundll32(dll, name, params); }
-    std::vector<std::wstring> changes() const { return registryChanges(before, takeRegistrySnapshot()); }
-    void expectNothingLeft() const
-    {
-        const auto left = changes();
-        EXPECT_TRUE(left.empty()) << describeChanges(left);
-    }
-
-    ProductSettingsKey settings;
-    ScratchFolder folder;
-    AddinDll dll{folder};
-    RegistrySnapshot before;
-};
-
 } // namespace
 
-TEST_F(Installation, OutlookFindsAndCreatesTheRegisteredAddin)
+TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
 {
+    const RegistrySnapshot before = registryBefore();
     writeBytes(folder.file(L"install.cfg"), "addinFriendlyName = Korvane under test\naddinDescription = Real files\n");
-    ASSERT_EQ(callExport("DllRegisterServer"), S_OK);
+    ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
 
     // Outlook's list of add-ins names the ProgID and how to load it.
     EXPECT_EQ(rawDword(HKEY_LOCAL_MACHINE, addinSubKey, L"LoadBehavior"), 3u);
@@ -122,60 +92,58 @@ TEST_F(Installation, OutlookFindsAndCreatesTheRegisteredAddin)
     ASSERT_EQ(CLSIDFromProgID(L"KVDragDropAddin.class.1", &clsid), S_OK);
     EXPECT_EQ(clsid, CLSID_CKVDragDropAddin);
     const std::wstring classKey = L"CLSID\\" + guidText(CLSID_CKVDragDropAddin);
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, L"KVDragDropAddin.class\\CurVer"), L"KVDragDropAddin.class.1");
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey), L"KVDragDropAddin Class");
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\InprocServer32"), dll.path());
+    const std::pair<std::wstring, std::wstring> values[] = {
+        {L"KVDragDropAddin.class\\CurVer", L"KVDragDropAddin.class.1"},
+        {classKey, L"KVDragDropAddin Class"},
+        {classKey + L"\\InprocServer32", folder.file(L"addin-copy.dll")},
+        {classKey + L"\\ProgID", L"KVDragDropAddin.class.1"},
+        {classKey + L"\\VersionIndependentProgID", L"KVDragDropAddin.class"},
+        {classKey + L"\\TypeLib", guidText(LIBID_korvaneLib)},
+        {classKey + L"\\Version", L"1.0"},
+    };
+    for (const auto& [key, value] : values)
+        EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, key), value);
     EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\InprocServer32", L"ThreadingModel"), L"Apartment");
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\ProgID"), L"KVDragDropAddin.class.1");
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\VersionIndependentProgID"), L"KVDragDropAddin.class");
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\TypeLib"), guidText(LIBID_korvaneLib));
-    EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\Version"), L"1.0");
-
     {
         // Activation as Outlook does it: by ProgID, in process.
         ComPtr<_IDTExtensibility2> addin;
         ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&addin)), S_OK);
         ComPtr<IRibbonExtensibility> ribbon;
         EXPECT_EQ(addin.As(&ribbon), S_OK);
-        // COM loaded this very copy: its objects hold it.
-        EXPECT_EQ(dll.canUnloadNow(), S_FALSE);
-
+        EXPECT_EQ(canUnloadNow(), S_FALSE) << "COM loaded this very copy: its objects hold it";
         ComPtr<ITypeLib> library;
-        ASSERT_EQ(LoadRegTypeLib(LIBID_korvaneLib, 1, 0, LOCALE_NEUTRAL, &library), S_OK);
         ComPtr<ITypeInfo> callbacks;
+        ASSERT_EQ(LoadRegTypeLib(LIBID_korvaneLib, 1, 0, LOCALE_NEUTRAL, &library), S_OK);
         EXPECT_EQ(library->GetTypeInfoOfGuid(IID_IKVDragDropAddin, &callbacks), S_OK);
     }
     CoFreeUnusedLibrariesEx(0, 0);
-    EXPECT_EQ(dll.canUnloadNow(), S_OK);
+    EXPECT_EQ(canUnloadNow(), S_OK);
 
-    ASSERT_EQ(callExport("DllUnregisterServer"), S_OK);
-    expectNothingLeft();
+    ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
+    expectNothingLeft(before);
     EXPECT_EQ(CLSIDFromProgID(L"KVDragDropAddin.class", &clsid), CO_E_CLASSSTRING);
-}
 
-TEST_F(Installation, RegistrationKeepsAnAdministratorsRibbonInfo)
-{
-    const std::wstring ribbonInfo = std::wstring(productSubKey) + ribbonInfoName;
-    setRaw(HKEY_LOCAL_MACHINE, ribbonInfo, L"0;");
-    ASSERT_EQ(callExport("DllRegisterServer"), S_OK);
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, ribbonInfo), L"0;");
-    ASSERT_EQ(callExport("DllUnregisterServer"), S_OK);
+    // An administrator's ribbon info stays.
+    machine(L"Ribbon.Microsoft.Outlook.Explorer", L"0;");
+    ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
+    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, std::wstring(productSubKey) + ribbonInfoName), L"0;");
+    ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
 }
 
 // Parameter strings as installers hand them over, well-formed or not: the
 // scope, names and ribbon info they give, and nothing left after the
 // uninstallation with the same string.
-TEST_F(Installation, ParameterStringsGiveScopeNamesAndRibbonInfo)
+TEST_F(Addin, ParameterStringsGiveScopeNamesAndRibbonInfo)
 {
+    const RegistrySnapshot before = registryBefore();
     const std::wstring longName(3000, L'n');
-    struct Row {
+    const struct Row {
         std::wstring params;
         bool forUser;
         std::wstring friendlyName, description, ribbonInfo;
     } rows[] = {
         {L"\"x\\My Name\\\\user\\2;Mail tools\"", true, L"My Name", defaultName, L"2;Mail tools"},
         {L"", false, defaultName, defaultName, L"1;"},
-        {L"x\\Only a name", false, L"Only a name", defaultName, L"1;"},
         {L"x\\A\\B\\machine\\0;\\removeSettings\\extra\\fields", false, L"A", L"B", L"0;"},
         {L"\"\"", false, defaultName, defaultName, L"1;"},
         {L"x\\" + longName + L"\\\\user", true, longName, defaultName, L"1;"},
@@ -186,8 +154,8 @@ TEST_F(Installation, ParameterStringsGiveScopeNamesAndRibbonInfo)
         SCOPED_TRACE(wideToUtf8(row.params.substr(0, 60)));
         // Each installer run is a process of its own.
         const ScratchFolder runFolder;
-        const AddinDll run(runFolder);
-        ::rundll32(run, "RunInstallW", row.params);
+        const AddinCopy run(runFolder);
+        rundll32(run.module(), "RunInstallW", row.params);
         const HKEY root = row.forUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE;
         EXPECT_EQ(rawDword(root, addinSubKey, L"LoadBehavior"), 3u);
         EXPECT_EQ(rawString(root, addinSubKey, L"FriendlyName"), row.friendlyName);
@@ -195,34 +163,34 @@ TEST_F(Installation, ParameterStringsGiveScopeNamesAndRibbonInfo)
         EXPECT_EQ(rawString(root, std::wstring(productSubKey) + ribbonInfoName), row.ribbonInfo);
         EXPECT_EQ(rawString(HKEY_CURRENT_USER, std::wstring(productSubKey) + L"\\InstallForUser"),
                   row.forUser ? L"true" : L"<missing>");
-        for (const auto& change : changes()) {
-            // A per-user installation never writes the machine's registry.
-            EXPECT_TRUE(!row.forUser || startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
+        // A per-user installation never writes the machine's registry.
+        if (row.forUser) {
+            for (const auto& change : registryChanges(before, takeRegistrySnapshot()))
+                EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
         }
-        ::rundll32(run, "RunUninstallW", row.params);
-        expectNothingLeft();
+        rundll32(run.module(), "RunUninstallW", row.params);
+        expectNothingLeft(before);
     }
 }
 
-TEST_F(Installation, UninstallKeepsTheUsersSettingsUnlessAskedTo)
+TEST_F(Addin, UninstallKeepsTheUsersSettingsUnlessAskedTo)
 {
-    settings.set(L"Format", L"eml");
-    rundll32("RunInstallW", L"x\\\\\\user");
-    rundll32("RunInstallW", L"x\\\\\\user"); // twice is the same as once
-    rundll32("RunUninstallW", L"x");          // the recorded scope: the user's
+    const RegistrySnapshot before = registryBefore();
+    user(L"Format", L"eml");
+    rundll32(dll.module(), "RunInstallW", L"x\\\\\\user");
+    rundll32(dll.module(), "RunInstallW", L"x\\\\\\user"); // twice is the same as once
+    rundll32(dll.module(), "RunUninstallW", L"x");          // the recorded scope: the user's
     EXPECT_EQ(rawDword(HKEY_CURRENT_USER, addinSubKey, L"LoadBehavior"), 0xFFFFFFFFu);
-    EXPECT_EQ(settings.get(L"Format"), L"eml");
+    EXPECT_EQ(userValue(L"Format"), L"eml");
 
-    rundll32("RunUninstallW", L"x");  // what isn't there any more
-    rundll32("RunUninstallW", L"x\\\\\\user\\\\removeSettings");
-    EXPECT_EQ(settings.get(L"Format"), L"");
-    expectNothingLeft();
-}
+    rundll32(dll.module(), "RunUninstallW", L"x"); // what isn't there any more
+    rundll32(dll.module(), "RunUninstallW", L"x\\\\\\user\\\\removeSettings");
+    EXPECT_EQ(userValue(L"Format"), L"");
+    expectNothingLeft(before);
 
-TEST_F(Installation, PerUserRegistrationWritesOnlyTheUsersKeys)
-{
-    ASSERT_EQ(dllInstall(TRUE, L"user"), S_OK);
-    const auto written = changes();
+    // regsvr32 /i:user: the user's own classes.
+    ASSERT_EQ(exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall")(TRUE, L"user"), S_OK);
+    const auto written = registryChanges(before, takeRegistrySnapshot());
     ASSERT_FALSE(written.empty());
     for (const auto& change : written)
         EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
@@ -230,53 +198,49 @@ TEST_F(Installation, PerUserRegistrationWritesOnlyTheUsersKeys)
               guidText(CLSID_CKVDragDropAddin));
     EXPECT_EQ(rawString(HKEY_CURRENT_USER,
                         L"Software\\Classes\\CLSID\\" + guidText(CLSID_CKVDragDropAddin) + L"\\InprocServer32"),
-              dll.path());
-    ASSERT_EQ(dllInstall(FALSE, L"user"), S_OK);
-    expectNothingLeft();
+              folder.file(L"addin-copy.dll"));
+    ASSERT_EQ(exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall")(FALSE, L"user"), S_OK);
+    expectNothingLeft(before);
 }
 
-TEST_F(Installation, AnUnreadableInstallCfgIsLoggedAndTheDefaultsApply)
+TEST_F(Addin, InstallersLogAndAnUnreadableInstallCfgGivesTheDefaults)
 {
-    const AddinLog log(folder, settings);
-    before = takeRegistrySnapshot();
+    const RegistrySnapshot before = registryBefore();
+    user(L"LogFile", folder.file(L"korvane.log"));
+    user(L"LogLevel", L"DEBUG");
     const std::wstring config = folder.file(L"install.cfg");
     writeBytes(config, "addinFriendlyName = never read\n");
     UniqueFile locked(CreateFileW(config.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(locked);
-    rundll32("RunInstallW", L"x\\\\\\user");
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), defaultName);
-    EXPECT_GE(log.find("install.cfg could not be read"), 0) << log.contents();
-    EXPECT_NE(log.contents().find("INFO MsiInstall:"), std::string::npos) << log.contents();
-    rundll32("RunUninstallW", L"x\\\\\\user");
-}
-
-TEST_F(Installation, Rundll32RunsTheCommandsOfTheFile)
-{
-    const std::wstring command = L"rundll32.exe " + quoted(dll.path()) + L",RunInstall x\\Via rundll32\\\\user";
+    // rundll32 finds the commands of the file.
+    const std::wstring command = L"rundll32.exe " + quoted(folder.file(L"addin-copy.dll")) + L",RunInstall x\\\\\\user";
     ASSERT_EQ(runProgram(command), 0u);
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), L"Via rundll32");
-    ASSERT_EQ(runProgram(L"rundll32.exe " + quoted(dll.path()) + L",RunUninstall x\\\\\\user"), 0u);
-    expectNothingLeft();
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), defaultName);
+    EXPECT_NE(log().find("install.cfg could not be read"), std::string::npos) << log();
+    EXPECT_NE(log().find("INFO MsiInstall:"), std::string::npos) << log();
+    rundll32(dll.module(), "RunUninstallW", L"x\\\\\\user");
+    removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName);
+    expectNothingLeft(before);
 }
 
-TEST_F(Installation, JavaSetupProgramInstallsThroughItsNatives)
+TEST_F(Addin, JavaSetupProgramInstallsThroughItsNatives)
 {
+    const RegistrySnapshot before = registryBefore();
     using Install = jint JNICALL(JNIEnv*, jclass, jstring);
-    using SetName = void JNICALL(JNIEnv*, jclass, jstring);
-    using OpenLog = void JNICALL(JNIEnv*, jclass, jstring, jint, jboolean);
-    using CloseLog = void JNICALL(JNIEnv*, jclass);
-    auto* install = dll.entryPoint<Install>("Java_com_quembrook_com_KorvaneDll_nativeInstall");
-    auto* uninstall = dll.entryPoint<Install>("Java_com_quembrook_com_KorvaneDll_nativeUninstall");
-    auto* setName = dll.entryPoint<SetName>("Java_com_quembrook_com_KorvaneDll_nativeSetProductName");
-    auto* openLog = dll.entryPoint<OpenLog>("Java_com_quembrook_com_KorvaneDll_nativeOpenLogFile");
-    auto* closeLog = dll.entryPoint<CloseLog>("Java_com_quembrook_com_KorvaneDll_nativeCloseLogFile");
+    const auto java = [](const char* name) { return "Java_com_quembrook_com_KorvaneDll_" + std::string(name); };
+    auto* install = exportOf<Install>(dll.module(), java("nativeInstall").c_str());
+    auto* uninstall = exportOf<Install>(dll.module(), java("nativeUninstall").c_str());
+    auto* setName = exportOf<void JNICALL(JNIEnv*, jclass, jstring)>(dll.module(), java("nativeSetProductName").c_str());
+    auto* openLog =
+        exportOf<void JNICALL(JNIEnv*, jclass, jstring, jint, jboolean)>(dll.module(), java("nativeOpenLogFile").c_str());
+    auto* closeLog = exportOf<void JNICALL(JNIEnv*, jclass)>(dll.module(), java("nativeCloseLogFile").c_str());
     ASSERT_TRUE(install && uninstall && setName && openLog && closeLog);
 
-    JavaStrings java;
+    JavaStrings strings;
     const std::wstring logPath = folder.file(L"setup.log");
-    openLog(&java.env, nullptr, java.make(std::u16string(logPath.begin(), logPath.end())), 1, 0);
-    setName(&java.env, nullptr, java.make(u"Korvane Java Test"));
-    EXPECT_EQ(install(&java.env, nullptr, java.make(u"setup\\\\Installed by Java\\user\\2;Java")), 0);
+    openLog(&strings.env, nullptr, strings.make(std::u16string(logPath.begin(), logPath.end())), 1, 0);
+    setName(&strings.env, nullptr, strings.make(u"Korvane Java Test"));
+    EXPECT_EQ(install(&strings.env, nullptr, strings.make(u"setup\\\\Installed by Java\\user\\2;Java")), 0);
 
     const std::wstring product = L"Software\\QUEMBROOK\\Korvane Java Test";
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), L"Korvane Java Test");
@@ -284,9 +248,8 @@ TEST_F(Installation, JavaSetupProgramInstallsThroughItsNatives)
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + ribbonInfoName), L"2;Java");
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\InstallForUser"), L"true");
 
-    EXPECT_EQ(uninstall(&java.env, nullptr, nullptr), 0);  // a null string: the recorded scope
-    closeLog(&java.env, nullptr);
-    expectNothingLeft();
-    // Closed: the setup program may delete its log.
-    EXPECT_TRUE(DeleteFileW(logPath.c_str()));
+    EXPECT_EQ(uninstall(&strings.env, nullptr, nullptr), 0); // a null string: the recorded scope
+    closeLog(&strings.env, nullptr);
+    expectNothingLeft(before);
+    EXPECT_TRUE(DeleteFileW(logPath.c_str())) << "closed: the setup program may delete its log";
 }

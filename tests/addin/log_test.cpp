@@ -1,0 +1,123 @@
+// The log file as administrators read it: the bytes of a line, the level
+// filter, its configuration in the registry, lines of many threads.
+#include "addin_host.h"
+
+#include <regex>
+#include <thread>
+
+namespace {
+
+const Logger logger("Globals");
+
+} // namespace
+
+TEST(Log, LineIsTimeThreadLevelLoggerAndLineNumberInUtf8PerUnit)
+{
+    const SYSTEMTIME time{2024, 3, 0, 5, 9, 7, 2, 0};
+    for (const auto& [level, name] : {std::pair{LOG_DEBUG, L"DEBUG"}, std::pair{LOG_INFO, L"INFO"},
+                                      std::pair{LOG_WARN, L"WARN"}, std::pair{LOG_ERROR, L"ERROR"}})
+        EXPECT_EQ(formatLogLine(time, 0x1a2c, level, L"Globals:493 Version 1.2.3.4"),
+                  L"2024-03-05 09:07:02 1a2c " + std::wstring(name) + L" Globals:493 Version 1.2.3.4\r\n");
+    // Each 16-bit unit on its own: a surrogate pair is two three-byte groups.
+    EXPECT_EQ(encodeLogText(L"A\u00E9\u20AC\U0001F600"), "A\xC3\xA9\xE2\x82\xAC\xED\xA0\xBD\xED\xB8\x80");
+
+    const LogCapture log(LOG_DEBUG);
+    logger.info(493) << "Version " << 1 << "." << 2;
+    logger.info(0) << "no number";
+    logger.debug(1) << L"euro=\u20AC " << std::string("narrow ") << -42 << " " << 7u;
+    char thread[16];
+    snprintf(thread, sizeof thread, "%lx", GetCurrentThreadId());
+    EXPECT_TRUE(std::regex_match(log.contents(), std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d " +
+                                                            std::string(thread) + " INFO Globals:493 Version 1\\.2\r\n"
+                                                            ".* INFO Globals no number\r\n"
+                                                            ".* DEBUG Globals:1 euro=\xE2\x82\xAC narrow -42 7\r\n")))
+        << log.contents();
+}
+
+TEST(Log, LinesBelowTheLevelAreNeitherBuiltNorWritten)
+{
+    for (int fileLevel = LOG_DEBUG; fileLevel <= LOG_ERROR; ++fileLevel) {
+        const LogCapture log(fileLevel);
+        int built = 0;
+        KV_DEBUG(logger) << ++built;
+        KV_INFO(logger) << ++built;
+        KV_WARN(logger) << ++built;
+        KV_ERROR(logger) << ++built;
+        EXPECT_EQ(built, LOG_ERROR - fileLevel + 1);
+        for (int level = LOG_DEBUG; level <= LOG_ERROR; ++level) {
+            LogLine(level, "Globals", 0) << "line " << level;
+            EXPECT_EQ(log.contents().find("line " + std::to_string(level)) != std::string::npos, level >= fileLevel)
+                << "file level " << fileLevel << ", line level " << level;
+        }
+    }
+}
+
+TEST_F(Addin, LogIsConfiguredByLogFileLogLevelAndLogAppend)
+{
+    wchar_t temp[MAX_PATH + 1] = {};
+    const std::wstring defaultPath = std::wstring(temp, GetTempPathW(MAX_PATH, temp)) + L"korvane.log";
+    const struct {
+        const wchar_t *file, *level, *append;
+        int expectedLevel;
+        bool appended, written = true;
+    } rows[] = {
+        {nullptr, nullptr, nullptr, LOG_INFO, true},    {L"a.log", L"debug", L"TRUE", LOG_DEBUG, true},
+        {L"b.log", L"Info", L"yes", LOG_INFO, false},    {L"c.log", L"warning", L"", LOG_WARN, true},
+        {L"d.log", L"ERROR", L"false", LOG_ERROR, false}, {L"e.log", L"verbose", L"true", LOG_ERROR, true},
+        {L"no\\such\\folder\\f.log", L"Debug", nullptr, LOG_DEBUG, false, false}, // silent, filtering all the same
+    };
+    for (const auto& row : rows) {
+        removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName);
+        const std::wstring path = row.file ? folder.file(row.file) : defaultPath;
+        for (const auto& [name, value] : {std::pair{L"LogFile", row.file ? path.c_str() : nullptr},
+                                          std::pair{L"LogLevel", row.level}, std::pair{L"LogAppend", row.append}})
+            if (value)
+                user(name, value);
+        if (row.written)
+            writeBytes(path, "earlier run\r\n");
+        configureLogFromRegistry(userPlace(L""));
+        EXPECT_EQ(LogFile::instance().level(), row.expectedLevel);
+        KV_ERROR(logger) << "this run";
+        LogFile::instance().close();
+        EXPECT_EQ(readBytes(path).starts_with("earlier run\r\n"), row.appended) << wideToUtf8(path);
+        EXPECT_EQ(readBytes(path).find("this run") != std::string::npos, row.written);
+    }
+    DeleteFileW(defaultPath.c_str());
+    EXPECT_FALSE(fileExists(folder.file(L"no")));
+
+    // A second connection in the same process opens the same file again.
+    LogFile::instance().open(defaultPath, LOG_INFO, true);
+    LogFile::instance().open(defaultPath, LOG_INFO, true);
+    KV_INFO(logger) << "second connection";
+    LogFile::instance().close();
+    EXPECT_NE(readBytes(defaultPath).find("second connection"), std::string::npos);
+    DeleteFileW(defaultPath.c_str());
+}
+
+TEST(Log, LinesOfManyThreadsNeverInterleave)
+{
+    const LogCapture log(LOG_DEBUG);
+    constexpr int threadCount = 8, linesPerThread = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < linesPerThread; ++i)
+                KV_INFO(logger) << "thread " << t << " line " << i << L" \u20AC end";
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    // Whole lines, each thread's in order.
+    const std::string text = log.contents();
+    const std::regex line(R"(\S+ \S+ [0-9a-f]+ INFO Globals:\d+ thread (\d) line (\d+) \xE2\x82\xAC end\r\n)");
+    std::vector<int> seen(threadCount, 0);
+    int lines = 0;
+    std::ptrdiff_t next = 0;
+    for (std::sregex_iterator it(text.begin(), text.end(), line), end; it != end; ++it, ++lines) {
+        ASSERT_EQ(it->position(), next) << text.substr(next, 200);
+        ASSERT_EQ(std::stoi((*it)[2]), seen[std::stoi((*it)[1])]++) << it->str();
+        next += it->length();
+    }
+    EXPECT_EQ(lines, threadCount * linesPerThread);
+    EXPECT_EQ(next, static_cast<std::ptrdiff_t>(text.size()));
+}

@@ -1,0 +1,137 @@
+// The registry helper checked with the raw API: key paths, reading, writing,
+// deleting, the 32/64-bit views and Outlook's bitness; and Base64 with the
+// DLL's exported file tools.
+#include "addin_host.h"
+
+#include "install/base64.h"
+#include "support/registry_snapshot.h"
+
+namespace {
+
+const std::wstring product = L"Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook";
+
+void removeOutlooksBitness()
+{
+    for (REGSAM view : {REGSAM(KEY_WOW64_32KEY), REGSAM(KEY_WOW64_64KEY)}) {
+        RegUtil::setRegistryView(view);
+        RegUtil::deleteKeyIfExists(L"HKLM\\Software\\Microsoft\\Office\\16.0");
+    }
+    RegUtil::setRegistryView(0);
+}
+
+} // namespace
+
+TEST_F(Addin, RegistryKeyPathsReadingWritingAndDeleting)
+{
+    const std::tuple<const wchar_t*, HKEY, const wchar_t*> paths[] = {
+        {L"HKLM\\Software\\X\\Y", HKEY_LOCAL_MACHINE, L"Software\\X\\Y"}, {L"HKEY_LOCAL_MACHINE\\S", HKEY_LOCAL_MACHINE, L"S"},
+        {L"HKCU\\Software", HKEY_CURRENT_USER, L"Software"},             {L"HKEY_CURRENT_USER\\S", HKEY_CURRENT_USER, L"S"},
+        {L"HKCR\\CLSID", HKEY_CLASSES_ROOT, L"CLSID"},                   {L"HKEY_CLASSES_ROOT\\C", HKEY_CLASSES_ROOT, L"C"},
+        {L"hklm\\Software", HKEY_CURRENT_USER, L"hklm\\Software"},       {L"Software", HKEY_CURRENT_USER, L"Software"},
+    };
+    for (const auto& [path, root, subKey] : paths) {
+        EXPECT_EQ(RegUtil::parseKeyPath(path).root, root) << wideToUtf8(path);
+        EXPECT_EQ(RegUtil::parseKeyPath(path).subKey, subKey) << wideToUtf8(path);
+    }
+    // The unnamed value of the key, else the value named so in the key above.
+    ASSERT_TRUE(RegUtil::setRegValue(userPlace(L"A\\B\\Format"), L"", L"unnamed"));
+    ASSERT_TRUE(RegUtil::setRegValue(userPlace(L"A\\B"), L"Format", L"named"));
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\A\\B\\Format"), L"unnamed");
+    EXPECT_EQ(RegUtil::readString(userPlace(L"A\\B\\Format")), L"unnamed");
+    ASSERT_TRUE(RegUtil::setRegValue(userPlace(L"A\\B\\Format"), L"", L"")); // empty counts as nothing
+    EXPECT_EQ(RegUtil::readString(userPlace(L"A\\B\\Format")), L"named");
+    EXPECT_EQ(RegUtil::readString(userPlace(L"No\\Such\\Key")), L"");
+    const DWORD number = 4711;
+    RegSetKeyValueW(HKEY_CURRENT_USER, product.c_str(), L"Number", REG_DWORD, &number, sizeof number);
+    EXPECT_EQ(RegUtil::readString(userPlace(L"Number")), L"4711");
+    // Strings are written whole: (characters + NUL) * 2 bytes.
+    DWORD size = 0;
+    RegGetValueW(HKEY_CURRENT_USER, (product + L"\\A\\B").c_str(), L"Format", RRF_RT_REG_SZ, nullptr, nullptr, &size);
+    EXPECT_EQ(size, 12u);
+
+    ASSERT_TRUE(RegUtil::setRegValue(userPlace(L"Sibling"), L"", L"stays"));
+    EXPECT_TRUE(RegUtil::deleteValueIfExists(userPlace(L"A\\B"), L"Format"));
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\A\\B", L"Format"), L"<missing>");
+    EXPECT_TRUE(RegUtil::deleteKey(userPlace(L"A")));
+    EXPECT_FALSE(rawKeyExists(HKEY_CURRENT_USER, product + L"\\A"));
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\Sibling"), L"stays");
+    EXPECT_FALSE(RegUtil::deleteKey(userPlace(L"A")));
+    EXPECT_TRUE(RegUtil::deleteKeyIfExists(userPlace(L"A")));
+    EXPECT_FALSE(RegUtil::deleteKey(L"HKCU\\")) << "never a bare root";
+    EXPECT_FALSE(RegUtil::deleteKey(L"HKLM\\\\"));
+    EXPECT_TRUE(rawKeyExists(HKEY_CURRENT_USER, L"Software"));
+}
+
+// In the 32-bit view keys land below Wow6432Node; "(Wow6432Node)" in a path
+// names that place in the 32-bit view whatever the flag would do, and drops
+// out in the 64-bit view. Outlook's bitness chooses the view.
+TEST_F(Addin, RegistryViewsAndOutlooksBitness)
+{
+    const struct {
+        REGSAM view;
+        const wchar_t *path, *rawPlace; // below HKLM
+    } rows[] = {
+        {KEY_WOW64_32KEY, L"Software\\QUEMBROOK\\", L"Software\\Wow6432Node\\QUEMBROOK\\"},
+        {KEY_WOW64_32KEY, L"Software\\(Wow6432Node)\\QUEMBROOK\\", L"Software\\Wow6432Node\\QUEMBROOK\\"},
+        {KEY_WOW64_64KEY, L"Software\\(Wow6432Node)\\QUEMBROOK\\", L"Software\\QUEMBROOK\\"},
+        {KEY_WOW64_64KEY, L"(Wow6432Node)\\Software\\QUEMBROOK\\", L"Software\\QUEMBROOK\\"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(wideToUtf8(row.path));
+        RegUtil::setRegistryView(row.view);
+        const std::wstring path = L"HKLM\\" + std::wstring(row.path) + L"Korvane Addin for Microsoft Outlook";
+        ASSERT_TRUE(RegUtil::setRegValue(path + L"\\Format", L"", L"eml"));
+        EXPECT_EQ(RegUtil::readString(path + L"\\Format"), L"eml");
+        EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + std::wstring(L"Korvane Addin for Microsoft Outlook")));
+        RegUtil::setRegistryView(row.view ^ (KEY_WOW64_32KEY | KEY_WOW64_64KEY));
+        EXPECT_EQ(RegUtil::readString(L"HKLM\\" + product + L"\\Format"), L"") << "not in the other view";
+        RegUtil::setRegistryView(row.view);
+        EXPECT_TRUE(RegUtil::deleteKey(path));
+        EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + std::wstring(L"Korvane Addin for Microsoft Outlook")));
+    }
+    for (const auto& [view, bitness] : {std::pair{KEY_WOW64_32KEY, L"x86"}, std::pair{KEY_WOW64_64KEY, L"x64"}}) {
+        removeOutlooksBitness();
+        RegUtil::setRegistryView(view);
+        ASSERT_TRUE(RegUtil::setRegValue(L"HKLM\\Software\\Microsoft\\Office\\16.0\\Outlook", L"Bitness", bitness));
+        RegUtil::getRegistryViewForOutlooksBitness();
+        EXPECT_EQ(RegUtil::registryView(), static_cast<REGSAM>(view)) << wideToUtf8(bitness);
+    }
+    // No Outlook at all: the add-in's own bitness.
+    removeOutlooksBitness();
+    const LogCapture log(LOG_INFO);
+    EXPECT_EQ(RegUtil::isOutlook64(), sizeof(void*) == 8);
+    EXPECT_NE(log.contents().find("WARN RegUtil:"), std::string::npos);
+    EXPECT_NE(log.contents().find("Could not detect Outlook bitness, assume Windows bitness="), std::string::npos);
+}
+
+TEST_F(Addin, Base64BothWaysAndTheDllsFileTools)
+{
+    const std::pair<std::string, std::string> vectors[] = {
+        {"", ""},             {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {std::string("\xFF\xFE\x00", 3), "//4A"},
+    };
+    for (const auto& [bytes, text] : vectors) {
+        EXPECT_EQ(encodeBase64(bytes), text);
+        EXPECT_EQ(decodeBase64(text), bytes);
+    }
+    EXPECT_EQ(decodeBase64("Zm9v\r\nYmFy"), "foobar");
+    EXPECT_EQ(decodeBase64("Zm9vYg"), "foob") << "padding may be left out";
+    for (const char* notBase64 : {"Zm9v!", "Z", "Zm9v=Zm9v", "Zg===", "Zm9=="})
+        EXPECT_FALSE(decodeBase64(notBase64)) << notBase64;
+
+    auto* encode = exportOf<HRESULT WINAPI(const wchar_t*, const wchar_t*)>(dll.module(), "EncodeBase64");
+    auto* decode = exportOf<HRESULT WINAPI(const wchar_t*, const wchar_t*)>(dll.module(), "DecodeBase64");
+    std::string image;
+    for (int i = 0; i < 70000; ++i)
+        image += static_cast<char>((i * 7919) & 0xFF);
+    writeBytes(folder.file(L"button.png"), image);
+    writeBytes(folder.file(L"bad.b64"), "not base64 at all!");
+    ASSERT_EQ(encode(folder.file(L"button.png").c_str(), folder.file(L"button.b64").c_str()), S_OK);
+    EXPECT_EQ(readBytes(folder.file(L"button.b64")), encodeBase64(image));
+    ASSERT_EQ(decode(folder.file(L"button.b64").c_str(), folder.file(L"back.png").c_str()), S_OK);
+    EXPECT_EQ(readBytes(folder.file(L"back.png")), image);
+    EXPECT_TRUE(FAILED(decode(folder.file(L"missing.b64").c_str(), folder.file(L"out.bin").c_str())));
+    EXPECT_TRUE(FAILED(decode(folder.file(L"bad.b64").c_str(), folder.file(L"out.bin").c_str())));
+    EXPECT_FALSE(fileExists(folder.file(L"out.bin")));
+    EXPECT_EQ(decode(nullptr, nullptr), E_POINTER);
+}

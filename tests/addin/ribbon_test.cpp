@@ -1,0 +1,216 @@
+// The ribbon as Office drives it: GetCustomUI for each window, then the
+// callbacks by dispatch id, the settings they write and the images they give.
+#include "addin_host.h"
+
+#include "e2e_shared/dispatch_standin.h"
+#include "install/base64.h"
+
+#include <msxml2.h>
+#include <olectl.h>
+
+namespace {
+
+// Texts that name their keys, so that a test sees which key filled what.
+constexpr const char* markedTexts =
+    "ribbonTitle=T-ribbonTitle\nbuttonGroup=T-buttonGroup\nbuttonActive=T-buttonActive\nbuttonInactive=T-buttonInactive\n"
+    "groupOptions=T-groupOptions\nlabelFormat=T-labelFormat\nlabelAlwaysCopy=T-labelAlwaysCopy\nlabelDecrypt=T-labelDecrypt\n"
+    "labelTextAsJson=T-labelTextAsJson\nlabelTextAsJsonNone=T-None\nlabelTextAsJsonTable=T-Table\nlabelTextAsJsonJSON=T-JSON\n";
+
+bool isWellFormedXml(const std::wstring& xml)
+{
+    CLSID documentClass{};
+    ComPtr<IXMLDOMDocument> document;
+    VARIANT_BOOL loaded = VARIANT_FALSE;
+    BSTR text = SysAllocStringLen(xml.data(), static_cast<UINT>(xml.size()));
+    if (SUCCEEDED(CLSIDFromProgID(L"Msxml2.DOMDocument.3.0", &documentClass)) &&
+        SUCCEEDED(CoCreateInstance(documentClass, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                                   reinterpret_cast<void**>(document.GetAddressOf()))))
+        document->loadXML(text, &loaded);
+    SysFreeString(text);
+    return loaded != VARIANT_FALSE;
+}
+
+// Green minus red at (16, 25) of the icon Ribbon_getImage gives: the switch's
+// track, green in the built-in "on" image, grey in the "off" one.
+int greenness(IDispatch* addin, const OwnedVariant& control)
+{
+    VARIANT argument = control.get();
+    DISPPARAMS params{&argument, nullptr, 1, 0};
+    UniqueVariant result;
+    ComPtr<IPicture> picture;
+    OLE_HANDLE handle = 0;
+    ICONINFO icon{};
+    if (FAILED(addin->Invoke(42, IID_NULL, 0, DISPATCH_METHOD, &params, result.put(), nullptr, nullptr)) ||
+        result->vt != VT_DISPATCH || FAILED(result->pdispVal->QueryInterface(IID_PPV_ARGS(&picture))) ||
+        FAILED(picture->get_Handle(&handle)) || !GetIconInfo(reinterpret_cast<HICON>(UINT_PTR(handle)), &icon))
+        return 1000;
+    BITMAPINFO format{{sizeof(BITMAPINFOHEADER), 32, -32, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
+    std::vector<BYTE> pixels(32 * 32 * 4); // top-down rows of blue, green, red, alpha
+    HDC dc = CreateCompatibleDC(nullptr);
+    const bool read = GetDIBits(dc, icon.hbmColor, 0, 32, pixels.data(), &format, DIB_RGB_COLORS) == 32;
+    DeleteDC(dc);
+    DeleteObject(icon.hbmColor);
+    DeleteObject(icon.hbmMask);
+    return read ? pixels[(25 * 32 + 16) * 4 + 1] - pixels[(25 * 32 + 16) * 4 + 2] : 1000;
+}
+
+} // namespace
+
+// The tab in the explorer window only, every text in place and the XML
+// well-formed in every language and for titles and translations that are markup.
+TEST_F(Addin, CustomUiForEachWindowTitleAndLanguage)
+{
+    const LANGID english = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
+    const struct {
+        const wchar_t *ribbonInfo, *ribbonId;
+        LANGID language;
+        const char* texts; // nullptr: the shipped ones
+        std::vector<std::wstring> contained; // none: no XML at all
+        const wchar_t* version = L"16.0.0.0";
+        const char* definition = nullptr; // Ribbon.Microsoft.Outlook.Explorer.xml beside the add-in
+    } rows[] = {
+        {L"", L"Microsoft.Outlook.Explorer", english, markedTexts, {}},
+        {L"2;Mail tools", L"Microsoft.Outlook.Mail.Read", english, markedTexts, {}},
+        {L"2;Mail tools", L"Microsoft.Outlook.Explorer", english, markedTexts,
+         {L"label=\"Mail tools\"", L"\"T-buttonGroup\"", L"\"T-groupOptions\"", L"\"T-labelFormat\"",
+          L"\"T-labelAlwaysCopy\"", L"\"T-labelDecrypt\"", L"\"T-labelTextAsJson\"", L"\"T-None\"", L"\"T-Table\"",
+          L"\"T-JSON\"", L"onLoad=\"Ribbon_onLoad\"", L"tag=\"default-button.png\""}},
+        {L"1;ignored", L"Microsoft.Outlook.Explorer", english, markedTexts, {L"label=\"T-ribbonTitle\""}},
+        {L"2;Mail tools", L"Microsoft.Outlook.Explorer", english, markedTexts,
+         {L"label=\"MAIL TOOLS\"", L"\"T-buttonGroup\""}, L"15.0.4569.1506"},
+        {L"1;", L"Microsoft.Outlook.Explorer", english, nullptr, {L"label=\"Korvane\""}},
+        {L"1;", L"Microsoft.Outlook.Explorer", MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), nullptr, {L"Verschl\u00FCss"}},
+        {L"1;", L"Microsoft.Outlook.Explorer", MAKELANGID(LANG_FRENCH, SUBLANG_FRENCH), nullptr, {L"\"bnOnOff\""}},
+        {L"2;R&D", L"Microsoft.Outlook.Explorer", english, nullptr, {L"label=\"R&amp;D\""}},
+        {L"2;\"Mail\" <&> 'files'", L"Microsoft.Outlook.Explorer", english, nullptr, {L"&quot;Mail&quot; &lt;&amp;&gt;"}},
+        {L"1;", L"Microsoft.Outlook.Explorer", english, "ribbonTitle = <b>&\nlabelDecrypt = \"S/MIME\" <off>\n",
+         {L"label=\"&quot;S/MIME&quot; &lt;off&gt;\""}},
+        {L"2;Mail tools", L"Microsoft.Outlook.Explorer", english, markedTexts,
+         {L"<customUI><tab label=\"Mail tools\"><group label=\"T-buttonActive \u20AC T-buttonGroupT-buttonGroup\"/>"
+          L"</tab></customUI>"},
+         L"16.0.0.0",
+         "\xEF\xBB\xBF<customUI><tab label=\"${ribbonTitle}\"><group label=\"${buttonLabel} \xE2\x82\xAC "
+         "${buttonGroup}${buttonGroup}\"/></tab></customUI>"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(wideToUtf8(row.ribbonInfo) + " " + wideToUtf8(row.ribbonId) + " " + std::to_string(row.language));
+        LoadedAddin addin; // a new Outlook: the ribbon info is read at the start
+        for (const std::wstring name : {L"\\resource_en.txt", L"\\resource_de.txt", L"\\resource_fr.txt"})
+            CopyFileW((testProgramFolder() + name).c_str(), (addin.folder.path() + name).c_str(), FALSE);
+        if (row.texts)
+            addin.writeTexts(L"en", row.texts);
+        if (row.definition)
+            writeBytes(addin.folder.file(L"Ribbon.Microsoft.Outlook.Explorer.xml"), row.definition);
+        user(L"Ribbon.Microsoft.Outlook.Explorer", row.ribbonInfo);
+        addin.outlook.setLanguageId(row.language);
+        addin.outlook.setVersion(row.version);
+        addin.connect();
+        ComPtr<IRibbonExtensibility> ribbon;
+        ASSERT_EQ(addin.object.As(&ribbon), S_OK);
+        UniqueVariant id(std::wstring(row.ribbonId)), xml;
+        EXPECT_EQ(ribbon->GetCustomUI(id->bstrVal, nullptr), E_POINTER);
+        ASSERT_EQ(ribbon->GetCustomUI(id->bstrVal, &xml->bstrVal), S_OK);
+        xml->vt = VT_BSTR;
+        ASSERT_EQ(xml->bstrVal != nullptr, !row.contained.empty());
+        EXPECT_TRUE(!xml->bstrVal || isWellFormedXml(xml.text())) << wideToUtf8(xml.text());
+        EXPECT_EQ(xml.text().find(L"${"), std::wstring::npos) << wideToUtf8(xml.text());
+        for (const std::wstring& part : row.contained)
+            EXPECT_NE(xml.text().find(part), std::wstring::npos) << wideToUtf8(part) << " in " << wideToUtf8(xml.text());
+    }
+}
+
+// Every callback of the dispatch table, in the order a user meets them.
+TEST_F(Addin, CallbacksShowAndWriteTheSettings)
+{
+    writeTexts(L"en", markedTexts);
+    connect();
+    auto ribbonUi = DispatchStandIn::create(L"IRibbonUI");
+    ribbonUi->method(L"InvalidateControl", [](const std::vector<VARIANT>&, VARIANT*) { return S_OK; });
+    const auto on = [](const wchar_t* id) { return ribbonControl(id); };
+    const struct {
+        DISPID id;
+        std::vector<OwnedVariant> args;
+        std::wstring answer; // a bool as "pressed" or "up"
+        const wchar_t *setting = nullptr, *value = nullptr;
+    } steps[] = {
+        {44, {variant(static_cast<IDispatch*>(ribbonUi.Get()))}, L""},
+        {41, {on(L"bnOnOff")}, L"pressed"},
+        {43, {on(L"bnOnOff")}, L"T-buttonActive"},
+        {40, {on(L"bnOnOff"), variant(false)}, L"", L"Locked", L"true"},
+        {41, {on(L"bnOnOff")}, L"up"},
+        {43, {on(L"bnOnOff")}, L"T-buttonInactive"},
+        {40, {on(L"bnOnOff"), variant(true)}, L"", L"Locked", L"false"},
+        {41, {on(L"ckAlwaysCopy")}, L"pressed"},
+        {40, {on(L"ckAlwaysCopy"), variant(false)}, L"", L"IgnoreTargetEffectIfDroppedIntoOtherApplication", L"false"},
+        {41, {on(L"ckAlwaysCopy")}, L"up"},
+        {41, {on(L"ckDecrypt")}, L"pressed"},
+        {40, {on(L"ckDecrypt"), variant(false)}, L"", L"DecryptEnabled", L"false"},
+        {40, {on(L"ckDecrypt"), variant(true)}, L"", L"DecryptEnabled", L"true"},
+        {40, {on(L"somethingElse"), variant(false)}, L"", L"Locked", L"false"},
+        {41, {on(L"somethingElse")}, L"up"},
+        {41, {OwnedVariant()}, L"up"},
+        {45, {on(L"cbFormat")}, L"msg"},
+        {46, {on(L"cbFormat"), variant(L"eml"), variant(1)}, L"", L"Format", L"eml"},
+        {45, {on(L"cbFormat")}, L"eml"},
+        {49, {on(L"cbFormat")}, L"2"},
+        {47, {on(L"cbFormat"), variant(5)}, L"EML"},
+        {47, {on(L"cbFormat"), variant(-1)}, L"MSG"},
+        {48, {on(L"cbFormat"), variant(0)}, L"msg"},
+        {48, {on(L"cbFormat"), variant(1)}, L"eml"},
+        {50, {on(L"cbTextFormat")}, L"none"},
+        {51, {on(L"cbTextFormat"), variant(L"json"), variant(2)}, L"", L"TextFormat", L"json"},
+        {50, {on(L"cbTextFormat")}, L"json"},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE("step " + std::to_string(&step - steps));
+        UniqueVariant result;
+        ASSERT_EQ(invoke(step.id, step.args, result), S_OK);
+        EXPECT_EQ(result->vt == VT_BOOL ? (result->boolVal ? L"pressed" : L"up") : result.text(), step.answer);
+        EXPECT_EQ(step.setting ? userValue(step.setting) : L"", step.value ? step.value : L"");
+    }
+    // Only the on/off button is redrawn: Office shows the other controls' state itself.
+    EXPECT_EQ(ribbonUi->callCount(L"InvalidateControl"), 2u);
+    EXPECT_EQ(ribbonUi->lastCall(L"InvalidateControl")->args.at(0).text(), L"bnOnOff");
+}
+
+// The on/off button's image from the tag's file or registry value, else the
+// built-in one of the state; made once per state and object, then kept.
+TEST_F(Addin, ButtonImagesFromTagFileRegistryOrResource)
+{
+    HRSRC resource = FindResourceW(dll.module(), MAKEINTRESOURCEW(204), L"PNG");
+    const std::string offImage(static_cast<const char*>(LockResource(LoadResource(dll.module(), resource))),
+                               SizeofResource(dll.module(), resource));
+    writeBytes(folder.file(L"off.png"), offImage);
+    writeBytes(folder.file(L"broken.png"), "this is no PNG");
+    const std::string base64 = "base64:" + encodeBase64(offImage);
+    user(L"ButtonImage", std::wstring(base64.begin(), base64.end()));
+    user(L"NotBase64", L"base64:***not Base64***");
+    user(L"NotAnImage", L"base64:aGVsbG8gd29ybGQ=");
+    connect();
+    auto untagged = DispatchStandIn::create(L"IRibbonControl");
+    untagged->property(L"Id", [] { return variant(L"bnOnOff"); });
+    const std::pair<OwnedVariant, bool> rows[] = {
+        {ribbonControl(L"bnOnOff", L"default-button.png"), true},
+        {ribbonControl(L"bnOnOff", L"off.png"), false},
+        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"ButtonImage")), false},
+        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"NotBase64")), true},
+        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"NotAnImage")), true},
+        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"NoSuchValue")), true},
+        {ribbonControl(L"bnOnOff", L"missing.png"), true},
+        {ribbonControl(L"bnOnOff", L"broken.png"), true},
+        {variant(static_cast<IDispatch*>(untagged.Get())), true},
+        {OwnedVariant(), true},
+    };
+    for (size_t row = 0; row < std::size(rows); ++row) {
+        const int green = greenness(create<IDispatch>().Get(), rows[row].first); // a new object: no kept icon
+        EXPECT_TRUE(rows[row].second ? green > 60 : std::abs(green) < 20) << "row " << row << ": " << green;
+    }
+    EXPECT_NE(log().find("is not Base64"), std::string::npos);
+    ComPtr<IDispatch> addin;
+    ASSERT_EQ(object.As(&addin), S_OK);
+    EXPECT_LT(std::abs(greenness(addin.Get(), rows[1].first)), 20);
+    DeleteFileW(folder.file(L"off.png").c_str());
+    EXPECT_LT(std::abs(greenness(addin.Get(), rows[1].first)), 20) << "kept";
+    user(L"Locked", L"true");
+    EXPECT_LT(std::abs(greenness(create<IDispatch>().Get(), rows[0].first)), 20) << "the built-in off image";
+}
