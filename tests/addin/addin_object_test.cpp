@@ -10,7 +10,6 @@
 #include "install/installer_entry_points.h"
 #include "support/injected_fault.h"
 
-
 #include <olectl.h>
 #include <shlwapi.h>
 
@@ -38,11 +37,12 @@ struct AggregatingHost final : IPersist {
     ComPtr<IUnknown> inner;
 };
 
-IUnknown* identityOf(IUnknown* object)
+template <typename Interface>
+ComPtr<Interface> as(IUnknown* object)
 {
-    ComPtr<IUnknown> identity;
-    object->QueryInterface(IID_PPV_ARGS(&identity));
-    return identity.Get(); // the object holds it too
+    ComPtr<Interface> asked;
+    object->QueryInterface(IID_PPV_ARGS(&asked));
+    return asked;
 }
 
 ULONG referencesOf(IUnknown* object)
@@ -56,52 +56,40 @@ ULONG referencesOf(IUnknown* object)
 TEST_F(Addin, FactoryObjectsAggregationAndUnloading)
 {
     ComPtr<IClassFactory> factory;
+    ComPtr<IUnknown> addin, second;
     EXPECT_EQ(classObject(IID_IUnknown, IID_PPV_ARGS(&factory)), CLASS_E_CLASSNOTAVAILABLE);
     EXPECT_EQ(canUnloadNow(), S_OK);
     ASSERT_EQ(classObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
     EXPECT_EQ(canUnloadNow(), S_FALSE);
-    ComPtr<IUnknown> addin, second;
-    ComPtr<IKVDragDropAddin> callbacks;
-    ComPtr<_IDTExtensibility2> connection;
-    ComPtr<IRibbonExtensibility> ribbon;
-    ComPtr<IDispatch> dispatch;
-    ComPtr<IPersist> persist;
     ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&addin)), S_OK);
     ASSERT_EQ(factory->CreateInstance(nullptr, IID_PPV_ARGS(&second)), S_OK);
-    ASSERT_EQ(addin.As(&callbacks), S_OK);
-    ASSERT_EQ(addin.As(&connection), S_OK);
-    ASSERT_EQ(addin.As(&ribbon), S_OK);
-    ASSERT_EQ(addin.As(&dispatch), S_OK);
-    EXPECT_EQ(addin.As(&persist), E_NOINTERFACE);
-    // One identity; Office finds the callbacks behind the object's IDispatch.
-    EXPECT_EQ(static_cast<IUnknown*>(dispatch.Get()), static_cast<IUnknown*>(callbacks.Get()));
-    EXPECT_EQ(identityOf(callbacks.Get()), addin.Get());
-    EXPECT_EQ(identityOf(connection.Get()), addin.Get());
-    EXPECT_EQ(identityOf(ribbon.Get()), addin.Get());
+    // Three interfaces of one identity; Office finds the callbacks behind the object's IDispatch.
+    EXPECT_EQ(as<IUnknown>(as<IKVDragDropAddin>(addin.Get()).Get()), addin);
+    EXPECT_EQ(as<IUnknown>(as<_IDTExtensibility2>(addin.Get()).Get()), addin);
+    EXPECT_EQ(as<IUnknown>(as<IRibbonExtensibility>(addin.Get()).Get()), addin);
+    EXPECT_EQ(as<IDispatch>(addin.Get()).Get(), static_cast<IDispatch*>(as<IKVDragDropAddin>(addin.Get()).Get()));
+    EXPECT_EQ(as<IPersist>(addin.Get()), nullptr);
     ASSERT_EQ(factory->LockServer(TRUE), S_OK);
     factory.Reset();
     addin.Reset();
-    callbacks.Reset();
-    connection.Reset();
-    ribbon.Reset();
-    dispatch.Reset();
     EXPECT_EQ(canUnloadNow(), S_FALSE);
     second.Reset();
     EXPECT_EQ(canUnloadNow(), S_FALSE) << "locked";
 
-    // Aggregated: the host finds the add-in's interfaces through itself, and
-    // they lead back to the host: identity, its own interfaces, its references.
+    // Aggregated, the add-in answers through its host: identity, the host's
+    // own interfaces, its references.
     AggregatingHost host;
-    EXPECT_EQ(createInstance(&host, IID_PPV_ARGS(&dispatch)), CLASS_E_NOAGGREGATION) << "only the inner IUnknown";
+    ComPtr<IDispatch> refused; // an aggregated object hands out only its inner IUnknown
+    EXPECT_EQ(createInstance(&host, IID_PPV_ARGS(&refused)), CLASS_E_NOAGGREGATION);
     ASSERT_EQ(createInstance(&host, IID_PPV_ARGS(&host.inner)), S_OK);
-    ASSERT_EQ(host.QueryInterface(IID_PPV_ARGS(&connection)), S_OK);
-    EXPECT_EQ(identityOf(connection.Get()), static_cast<IUnknown*>(&host));
-    EXPECT_EQ(connection.As(&persist), S_OK);
-    EXPECT_EQ(persist.Get(), &host);
+    auto connection = as<_IDTExtensibility2>(&host);
+    ASSERT_NE(connection, nullptr);
+    EXPECT_EQ(as<IUnknown>(connection.Get()).Get(), &host);
+    EXPECT_EQ(as<IPersist>(connection.Get()).Get(), &host);
     EXPECT_EQ(connection->AddRef(), host.references);
     connection->Release();
-    persist.Reset();
     connection.Reset();
+    EXPECT_EQ(canUnloadNow(), S_FALSE);
     host.inner.Reset();
     ASSERT_EQ(classObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory)), S_OK);
     EXPECT_EQ(factory->LockServer(FALSE), S_OK);
@@ -112,28 +100,24 @@ TEST_F(Addin, FactoryObjectsAggregationAndUnloading)
 TEST_F(Addin, CallbacksAreFoundByTheirFixedDispatchIds)
 {
     object = create<IUnknown>();
-    ComPtr<IDispatch> dispatch;
-    ComPtr<_IDTExtensibility2> connection;
-    ASSERT_EQ(object.As(&dispatch), S_OK);
-    ASSERT_EQ(object.As(&connection), S_OK);
-    const std::tuple<IDispatch*, const wchar_t*, DISPID, HRESULT> names[] = {
-        {dispatch.Get(), L"Ribbon_onAction", 40, S_OK}, {dispatch.Get(), L"Ribbon_getPressed", 41, S_OK},
-        {dispatch.Get(), L"Ribbon_getImage", 42, S_OK}, {dispatch.Get(), L"Ribbon_getLabel", 43, S_OK},
-        {dispatch.Get(), L"Ribbon_onLoad", 44, S_OK}, {dispatch.Get(), L"Ribbon_getSelectedFormatID", 45, S_OK},
-        {dispatch.Get(), L"Ribbon_onFormatChanged", 46, S_OK}, {dispatch.Get(), L"Ribbon_getFormatLabel", 47, S_OK},
-        {dispatch.Get(), L"Ribbon_getFormatId", 48, S_OK}, {dispatch.Get(), L"Ribbon_getFormatCount", 49, S_OK},
-        {dispatch.Get(), L"Ribbon_getSelectedTextFormatID", 50, S_OK},
-        {dispatch.Get(), L"Ribbon_onTextFormatChanged", 51, S_OK}, {dispatch.Get(), L"ribbon_onaction", 0, S_OK},
-        {dispatch.Get(), L"NoSuchCallback", 0, S_OK},
-        // Office's own interfaces by their own descriptions.
-        {connection.Get(), L"OnStartupComplete", 4, S_OK}, {connection.Get(), L"Ribbon_onAction", -1, DISP_E_UNKNOWNNAME},
+    const auto dispatch = as<IDispatch>(object.Get());
+    const auto idOf = [](IDispatch* target, const wchar_t* name, HRESULT expected = S_OK) {
+        LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
+        DISPID id = -1;
+        EXPECT_EQ(target->GetIDsOfNames(IID_NULL, names, 1, 0, &id), expected) << wideToUtf8(name);
+        return id;
     };
-    for (const auto& [target, name, id, answer] : names) {
-        LPOLESTR one[] = {const_cast<LPOLESTR>(name)};
-        DISPID found = -1;
-        EXPECT_EQ(target->GetIDsOfNames(IID_NULL, one, 1, 0, &found), answer) << wideToUtf8(name);
-        EXPECT_EQ(found, id) << wideToUtf8(name);
-    }
+    const wchar_t* callbacks[] = {L"Ribbon_onAction", L"Ribbon_getPressed", L"Ribbon_getImage", L"Ribbon_getLabel",
+                                  L"Ribbon_onLoad", L"Ribbon_getSelectedFormatID", L"Ribbon_onFormatChanged",
+                                  L"Ribbon_getFormatLabel", L"Ribbon_getFormatId", L"Ribbon_getFormatCount",
+                                  L"Ribbon_getSelectedTextFormatID", L"Ribbon_onTextFormatChanged"};
+    for (DISPID id = 40; id <= 51; ++id)
+        EXPECT_EQ(idOf(dispatch.Get(), callbacks[id - 40]), id);
+    EXPECT_EQ(idOf(dispatch.Get(), L"ribbon_onaction"), 0);
+    EXPECT_EQ(idOf(dispatch.Get(), L"NoSuchCallback"), 0);
+    // Office's own interfaces by their own descriptions.
+    EXPECT_EQ(idOf(as<_IDTExtensibility2>(object.Get()).Get(), L"OnStartupComplete"), 4);
+    idOf(as<_IDTExtensibility2>(object.Get()).Get(), L"Ribbon_onAction", DISP_E_UNKNOWNNAME);
     // With parameter names: the type library's lookup, parameters numbered by position.
     LPOLESTR withParameters[] = {const_cast<LPOLESTR>(L"Ribbon_onFormatChanged"),
                                  const_cast<LPOLESTR>(L"selectedIndex"), const_cast<LPOLESTR>(L"control")};
@@ -152,7 +136,6 @@ TEST_F(Addin, CallbacksAreFoundByTheirFixedDispatchIds)
     EXPECT_EQ(attributes->guid, IID_IKVDragDropAddin);
     EXPECT_TRUE(attributes->wTypeFlags & TYPEFLAG_FDUAL);
     typeInfo->ReleaseTypeAttr(attributes);
-
     // Invoke: the callbacks only, each with its own arguments.
     UniqueVariant result;
     EXPECT_EQ(invoke(39, {}, result), DISP_E_MEMBERNOTFOUND);

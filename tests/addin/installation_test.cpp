@@ -14,9 +14,9 @@
 namespace {
 
 constexpr const wchar_t* addinSubKey = L"Software\\Microsoft\\Office\\Outlook\\Addins\\KVDragDropAddin.class";
-constexpr const wchar_t* productSubKey = L"Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook";
-constexpr const wchar_t* ribbonInfoName = L"\\Ribbon.Microsoft.Outlook.Explorer";
 constexpr const wchar_t* defaultName = L"Korvane Addin for Microsoft Outlook";
+const std::wstring productSubKey = L"Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook";
+const std::wstring ribbonInfoSubKey = productSubKey + L"\\Ribbon.Microsoft.Outlook.Explorer";
 
 // The registry before the installation: with the keys that every machine
 // with Outlook has (a fresh Wine prefix lacks them; removal leaves them).
@@ -37,10 +37,7 @@ void expectNothingLeft(const RegistrySnapshot& before)
     EXPECT_TRUE(left.empty()) << describeChanges(left);
 }
 
-HRESULT callExport(HMODULE dll, const char* name)
-{
-    return exportOf<HRESULT STDAPICALLTYPE()>(dll, name)();
-}
+HRESULT callExport(HMODULE dll, const char* name) { return exportOf<HRESULT STDAPICALLTYPE()>(dll, name)(); }
 
 void rundll32(HMODULE dll, const char* name, std::wstring params)
 {
@@ -49,20 +46,13 @@ void rundll32(HMODULE dll, const char* name, std::wstring params)
 
 // A JNIEnv as a JVM hands it to native methods, over strings of the test.
 struct JavaStrings {
-    static jsize JNICALL length(JNIEnv*, jstring string)
-    {
-        return static_cast<jsize>(reinterpret_cast<const std::u16string*>(string)->size());
-    }
+    static const std::u16string& of(jstring string) { return *reinterpret_cast<const std::u16string*>(string); }
+    static jsize JNICALL length(JNIEnv*, jstring string) { return static_cast<jsize>(of(string).size()); }
     static void JNICALL region(JNIEnv*, jstring string, jsize start, jsize count, jchar* buffer)
     {
-        const auto* text = reinterpret_cast<const std::u16string*>(string);
-        std::copy_n(text->data() + start, count, reinterpret_cast<char16_t*>(buffer));
+        std::copy_n(of(string).data() + start, count, reinterpret_cast<char16_t*>(buffer));
     }
-    JavaStrings()
-    {
-        table.GetStringLength = &length;
-        table.GetStringRegion = &region;
-    }
+    JavaStrings() { table.GetStringLength = &length; table.GetStringRegion = &region; }
     jstring make(const std::u16string& text) { return reinterpret_cast<jstring>(&strings.emplace_back(text)); }
 
     JniFunctionTable table{};
@@ -83,7 +73,7 @@ TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"FriendlyName"), L"Korvane under test");
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"Description"), L"Real files");
     // A registration shows the tab with its localized title.
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, std::wstring(productSubKey) + ribbonInfoName), L"1;");
+    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, ribbonInfoSubKey), L"1;");
 
     // The ProgID leads to the class, the class to this file.
     CLSID clsid{};
@@ -126,7 +116,7 @@ TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
     // An administrator's ribbon info stays.
     machine(L"Ribbon.Microsoft.Outlook.Explorer", L"0;");
     ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, std::wstring(productSubKey) + ribbonInfoName), L"0;");
+    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, ribbonInfoSubKey), L"0;");
     ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
 }
 
@@ -160,8 +150,8 @@ TEST_F(Addin, ParameterStringsGiveScopeNamesAndRibbonInfo)
         EXPECT_EQ(rawDword(root, addinSubKey, L"LoadBehavior"), 3u);
         EXPECT_EQ(rawString(root, addinSubKey, L"FriendlyName"), row.friendlyName);
         EXPECT_EQ(rawString(root, addinSubKey, L"Description"), row.description);
-        EXPECT_EQ(rawString(root, std::wstring(productSubKey) + ribbonInfoName), row.ribbonInfo);
-        EXPECT_EQ(rawString(HKEY_CURRENT_USER, std::wstring(productSubKey) + L"\\InstallForUser"),
+        EXPECT_EQ(rawString(root, ribbonInfoSubKey), row.ribbonInfo);
+        EXPECT_EQ(rawString(HKEY_CURRENT_USER, productSubKey + L"\\InstallForUser"),
                   row.forUser ? L"true" : L"<missing>");
         // A per-user installation never writes the machine's registry.
         if (row.forUser) {
@@ -173,53 +163,39 @@ TEST_F(Addin, ParameterStringsGiveScopeNamesAndRibbonInfo)
     }
 }
 
-TEST_F(Addin, UninstallKeepsTheUsersSettingsUnlessAskedTo)
+// rundll32 finds the commands of the file; an unreadable install.cfg is
+// logged and the defaults apply; uninstalling keeps the user's settings
+// unless asked to remove them.
+TEST_F(Addin, Rundll32CommandsAndTheUsersSettings)
 {
     const RegistrySnapshot before = registryBefore();
     user(L"Format", L"eml");
-    rundll32(dll.module(), "RunInstallW", L"x\\\\\\user");
+    user(L"LogFile", folder.file(L"korvane.log"));
+    writeBytes(folder.file(L"install.cfg"), "addinFriendlyName = never read\n");
+    {
+        const std::wstring config = folder.file(L"install.cfg"), dllPath = folder.file(L"addin-copy.dll");
+        UniqueFile locked(CreateFileW(config.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_EQ(runProgram(L"rundll32.exe " + quoted(dllPath) + L",RunInstall x\\\\\\user"), 0u);
+    }
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), defaultName);
+    EXPECT_NE(log().find("install.cfg could not be read"), std::string::npos) << log();
+    EXPECT_NE(log().find("INFO MsiInstall:"), std::string::npos) << log();
     rundll32(dll.module(), "RunInstallW", L"x\\\\\\user"); // twice is the same as once
     rundll32(dll.module(), "RunUninstallW", L"x");          // the recorded scope: the user's
     EXPECT_EQ(rawDword(HKEY_CURRENT_USER, addinSubKey, L"LoadBehavior"), 0xFFFFFFFFu);
     EXPECT_EQ(userValue(L"Format"), L"eml");
-
     rundll32(dll.module(), "RunUninstallW", L"x"); // what isn't there any more
     rundll32(dll.module(), "RunUninstallW", L"x\\\\\\user\\\\removeSettings");
     EXPECT_EQ(userValue(L"Format"), L"");
     expectNothingLeft(before);
 
-    // regsvr32 /i:user: the user's own classes.
+    // regsvr32 /i:user: the classes in the user's own place only.
     ASSERT_EQ(exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall")(TRUE, L"user"), S_OK);
-    const auto written = registryChanges(before, takeRegistrySnapshot());
-    ASSERT_FALSE(written.empty());
-    for (const auto& change : written)
+    for (const auto& change : registryChanges(before, takeRegistrySnapshot()))
         EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, L"Software\\Classes\\KVDragDropAddin.class\\CLSID"),
-              guidText(CLSID_CKVDragDropAddin));
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER,
-                        L"Software\\Classes\\CLSID\\" + guidText(CLSID_CKVDragDropAddin) + L"\\InprocServer32"),
-              folder.file(L"addin-copy.dll"));
+    const std::wstring server = L"Software\\Classes\\CLSID\\" + guidText(CLSID_CKVDragDropAddin) + L"\\InprocServer32";
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, server), folder.file(L"addin-copy.dll"));
     ASSERT_EQ(exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall")(FALSE, L"user"), S_OK);
-    expectNothingLeft(before);
-}
-
-TEST_F(Addin, InstallersLogAndAnUnreadableInstallCfgGivesTheDefaults)
-{
-    const RegistrySnapshot before = registryBefore();
-    user(L"LogFile", folder.file(L"korvane.log"));
-    user(L"LogLevel", L"DEBUG");
-    const std::wstring config = folder.file(L"install.cfg");
-    writeBytes(config, "addinFriendlyName = never read\n");
-    UniqueFile locked(CreateFileW(config.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(locked);
-    // rundll32 finds the commands of the file.
-    const std::wstring command = L"rundll32.exe " + quoted(folder.file(L"addin-copy.dll")) + L",RunInstall x\\\\\\user";
-    ASSERT_EQ(runProgram(command), 0u);
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), defaultName);
-    EXPECT_NE(log().find("install.cfg could not be read"), std::string::npos) << log();
-    EXPECT_NE(log().find("INFO MsiInstall:"), std::string::npos) << log();
-    rundll32(dll.module(), "RunUninstallW", L"x\\\\\\user");
-    removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName);
     expectNothingLeft(before);
 }
 
@@ -227,13 +203,16 @@ TEST_F(Addin, JavaSetupProgramInstallsThroughItsNatives)
 {
     const RegistrySnapshot before = registryBefore();
     using Install = jint JNICALL(JNIEnv*, jclass, jstring);
-    const auto java = [](const char* name) { return "Java_com_quembrook_com_KorvaneDll_" + std::string(name); };
-    auto* install = exportOf<Install>(dll.module(), java("nativeInstall").c_str());
-    auto* uninstall = exportOf<Install>(dll.module(), java("nativeUninstall").c_str());
-    auto* setName = exportOf<void JNICALL(JNIEnv*, jclass, jstring)>(dll.module(), java("nativeSetProductName").c_str());
-    auto* openLog =
-        exportOf<void JNICALL(JNIEnv*, jclass, jstring, jint, jboolean)>(dll.module(), java("nativeOpenLogFile").c_str());
-    auto* closeLog = exportOf<void JNICALL(JNIEnv*, jclass)>(dll.module(), java("nativeCloseLogFile").c_str());
+    using SetName = void JNICALL(JNIEnv*, jclass, jstring);
+    using OpenLog = void JNICALL(JNIEnv*, jclass, jstring, jint, jboolean);
+    const auto java = [this](const char* name) {
+        return GetProcAddress(dll.module(), ("Java_com_quembrook_com_KorvaneDll_" + std::string(name)).c_str());
+    };
+    auto* install = reinterpret_cast<Install*>(java("nativeInstall"));
+    auto* uninstall = reinterpret_cast<Install*>(java("nativeUninstall"));
+    auto* setName = reinterpret_cast<SetName*>(java("nativeSetProductName"));
+    auto* openLog = reinterpret_cast<OpenLog*>(java("nativeOpenLogFile"));
+    auto* closeLog = reinterpret_cast<void JNICALL (*)(JNIEnv*, jclass)>(java("nativeCloseLogFile"));
     ASSERT_TRUE(install && uninstall && setName && openLog && closeLog);
 
     JavaStrings strings;
@@ -245,7 +224,7 @@ TEST_F(Addin, JavaSetupProgramInstallsThroughItsNatives)
     const std::wstring product = L"Software\\QUEMBROOK\\Korvane Java Test";
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), L"Korvane Java Test");
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"Description"), L"Installed by Java");
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + ribbonInfoName), L"2;Java");
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\Ribbon.Microsoft.Outlook.Explorer"), L"2;Java");
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\InstallForUser"), L"true");
 
     EXPECT_EQ(uninstall(&strings.env, nullptr, nullptr), 0); // a null string: the recorded scope

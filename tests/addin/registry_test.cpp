@@ -24,10 +24,10 @@ void removeOutlooksBitness()
 TEST_F(Addin, RegistryKeyPathsReadingWritingAndDeleting)
 {
     const std::tuple<const wchar_t*, HKEY, const wchar_t*> paths[] = {
-        {L"HKLM\\Software\\X\\Y", HKEY_LOCAL_MACHINE, L"Software\\X\\Y"}, {L"HKEY_LOCAL_MACHINE\\S", HKEY_LOCAL_MACHINE, L"S"},
-        {L"HKCU\\Software", HKEY_CURRENT_USER, L"Software"},             {L"HKEY_CURRENT_USER\\S", HKEY_CURRENT_USER, L"S"},
-        {L"HKCR\\CLSID", HKEY_CLASSES_ROOT, L"CLSID"},                   {L"HKEY_CLASSES_ROOT\\C", HKEY_CLASSES_ROOT, L"C"},
-        {L"hklm\\Software", HKEY_CURRENT_USER, L"hklm\\Software"},       {L"Software", HKEY_CURRENT_USER, L"Software"},
+        {L"HKLM\\S\\X\\Y", HKEY_LOCAL_MACHINE, L"S\\X\\Y"}, {L"HKEY_LOCAL_MACHINE\\S", HKEY_LOCAL_MACHINE, L"S"},
+        {L"HKCU\\Software", HKEY_CURRENT_USER, L"Software"}, {L"HKEY_CURRENT_USER\\S", HKEY_CURRENT_USER, L"S"},
+        {L"HKCR\\CLSID", HKEY_CLASSES_ROOT, L"CLSID"}, {L"HKEY_CLASSES_ROOT\\C", HKEY_CLASSES_ROOT, L"C"},
+        {L"hklm\\Software", HKEY_CURRENT_USER, L"hklm\\Software"}, {L"Software", HKEY_CURRENT_USER, L"Software"},
     };
     for (const auto& [path, root, subKey] : paths) {
         EXPECT_EQ(RegUtil::parseKeyPath(path).root, root) << wideToUtf8(path);
@@ -79,15 +79,15 @@ TEST_F(Addin, RegistryViewsAndOutlooksBitness)
     for (const auto& row : rows) {
         SCOPED_TRACE(wideToUtf8(row.path));
         RegUtil::setRegistryView(row.view);
-        const std::wstring path = L"HKLM\\" + std::wstring(row.path) + L"Korvane Addin for Microsoft Outlook";
+        const std::wstring name = L"Korvane Addin for Microsoft Outlook", path = L"HKLM\\" + (row.path + name);
         ASSERT_TRUE(RegUtil::setRegValue(path + L"\\Format", L"", L"eml"));
         EXPECT_EQ(RegUtil::readString(path + L"\\Format"), L"eml");
-        EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + std::wstring(L"Korvane Addin for Microsoft Outlook")));
+        EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + name));
         RegUtil::setRegistryView(row.view ^ (KEY_WOW64_32KEY | KEY_WOW64_64KEY));
         EXPECT_EQ(RegUtil::readString(L"HKLM\\" + product + L"\\Format"), L"") << "not in the other view";
         RegUtil::setRegistryView(row.view);
         EXPECT_TRUE(RegUtil::deleteKey(path));
-        EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + std::wstring(L"Korvane Addin for Microsoft Outlook")));
+        EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + name));
     }
     for (const auto& [view, bitness] : {std::pair{KEY_WOW64_32KEY, L"x86"}, std::pair{KEY_WOW64_64KEY, L"x64"}}) {
         removeOutlooksBitness();

@@ -4,44 +4,39 @@
 
 #include "addin/resource_bundle.h"
 
-#include <functional>
-
 namespace {
 
 std::wstring text(bool value) { return value ? L"true" : L"false"; }
 std::wstring text(int value) { return std::to_wstring(value); }
 std::wstring text(const std::wstring& value) { return value; }
+template <auto getter>
+std::wstring read(const Globals& settings) { return text((settings.*getter)()); }
 
 } // namespace
 
 TEST_F(Addin, EverySettingComesFromTheUserThenTheMachineThenItsDefault)
 {
-    // Each setting, its default, a machine and a user value, and whether it is read once at the start.
+    // Each setting: its default, a machine and a user value, whether it is read once at the start.
     const struct {
         const wchar_t *name, *defaultValue, *machineValue, *userValue;
         bool readAtStart;
-        std::function<std::wstring(const Globals&)> get;
+        std::wstring (*get)(const Globals&);
     } rows[] = {
-        {L"Locked", L"false", L"true", L"false", false, [](auto& g) { return text(g.getLocked()); }},
-        {L"Format", L"msg", L"eml", L"msg", false, [](auto& g) { return text(g.getFormat()); }},
+        {L"Locked", L"false", L"true", L"false", false, read<&Globals::getLocked>},
+        {L"Format", L"msg", L"eml", L"msg", false, read<&Globals::getFormat>},
         {L"IgnoreTargetEffectIfDroppedIntoOtherApplication", L"true", L"false", L"true", false,
-         [](auto& g) { return text(g.getIgnoreTargetEffectIfDroppedIntoOtherApplication()); }},
-        {L"TextFormat", L"none", L"json", L"table", false, [](auto& g) { return text(g.getTextFormat()); }},
-        {L"SaveOnBeginDrag", L"false", L"true", L"false", false, [](auto& g) { return text(g.getSaveOnBeginDrag()); }},
-        {L"ExtractMailAddress", L"false", L"true", L"false", false,
-         [](auto& g) { return text(g.getExtractMailAddress()); }},
-        {L"DecryptEnabled", L"true", L"false", L"true", false, [](auto& g) { return text(g.getDecryptEnabled()); }},
-        {L"DecryptWithRedemption", L"false", L"true", L"false", false,
-         [](auto& g) { return text(g.getDecryptWithRedemption()); }},
-        {L"SaveWithRedemptionFormat", L"-1", L"3", L"5", false,
-         [](auto& g) { return text(g.getSaveWithRedemptionFormat()); }},
-        {L"TempFileReadOnly", L"false", L"true", L"false", false, [](auto& g) { return text(g.getTempFileReadOnly()); }},
-        {L"CaptureClipboard", L"false", L"true", L"false", false, [](auto& g) { return text(g.getCaptureClipboard()); }},
-        {L"MaxFiles", L"-1", L"25", L"3", true, [](auto& g) { return text(g.maxFiles()); }},
-        // No lower bound from the registry, unlike install.cfg.
-        {L"KeepTempFilesMinutes", L"1440", L"1", L"90", true, [](auto& g) { return text(g.keepTempFilesMinutes()); }},
-        {L"Ribbon.Microsoft.Outlook.Explorer", L"", L"1;", L"2;Mail tools", true,
-         [](auto& g) { return text(g.getRibbonInfo()); }},
+         read<&Globals::getIgnoreTargetEffectIfDroppedIntoOtherApplication>},
+        {L"TextFormat", L"none", L"json", L"table", false, read<&Globals::getTextFormat>},
+        {L"SaveOnBeginDrag", L"false", L"true", L"false", false, read<&Globals::getSaveOnBeginDrag>},
+        {L"ExtractMailAddress", L"false", L"true", L"false", false, read<&Globals::getExtractMailAddress>},
+        {L"DecryptEnabled", L"true", L"false", L"true", false, read<&Globals::getDecryptEnabled>},
+        {L"DecryptWithRedemption", L"false", L"true", L"false", false, read<&Globals::getDecryptWithRedemption>},
+        {L"SaveWithRedemptionFormat", L"-1", L"3", L"5", false, read<&Globals::getSaveWithRedemptionFormat>},
+        {L"TempFileReadOnly", L"false", L"true", L"false", false, read<&Globals::getTempFileReadOnly>},
+        {L"CaptureClipboard", L"false", L"true", L"false", false, read<&Globals::getCaptureClipboard>},
+        {L"MaxFiles", L"-1", L"25", L"3", true, read<&Globals::maxFiles>},
+        {L"KeepTempFilesMinutes", L"1440", L"1", L"90", true, read<&Globals::keepTempFilesMinutes>}, // no lower bound
+        {L"Ribbon.Microsoft.Outlook.Explorer", L"", L"1;", L"2;Mail tools", true, read<&Globals::getRibbonInfo>},
     };
     globals();
     EXPECT_EQ(userValue(L"TextFormat"), L"") << "a settings object writes nothing (installers make one too)";
@@ -75,7 +70,7 @@ TEST_F(Addin, EverySettingComesFromTheUserThenTheMachineThenItsDefault)
 
 // The obsolete TextAsJson switch, a key or a named value, becomes TextFormat
 // (at the first start, see the connection test) unless TextFormat is there.
-TEST_F(Addin, TextAsJsonBecomesTextFormat)
+TEST_F(Addin, TextAsJsonBecomesTextFormatAndTheRibbonInfoGivesTheTitle)
 {
     const struct {
         const wchar_t *textFormat, *asKey, *asValue, *expected;
@@ -84,25 +79,23 @@ TEST_F(Addin, TextAsJsonBecomesTextFormat)
                 {L"table", L"true", nullptr, L"table"}};
     for (const auto& row : rows) {
         removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName);
-        if (row.textFormat)
-            user(L"TextFormat", row.textFormat);
-        if (row.asKey)
-            user(L"TextAsJson", row.asKey);
+        EXPECT_TRUE(!row.textFormat || RegUtil::setRegValue(userPlace(L"TextFormat"), L"", row.textFormat));
+        EXPECT_TRUE(!row.asKey || RegUtil::setRegValue(userPlace(L"TextAsJson"), L"", row.asKey));
         EXPECT_TRUE(!row.asValue || RegUtil::setRegValue(userPlace(L""), L"TextAsJson", row.asValue));
         globals()->migrateTextFormat();
         EXPECT_EQ(userValue(L"TextFormat"), row.expected);
         EXPECT_EQ(userValue(L"TextAsJson"), row.textFormat ? row.asKey : L"");
     }
     const std::pair<const wchar_t*, const wchar_t*> titles[] = {
-        {L"", L""},           {L"1;", L"Korvane"}, {L"1;ignored", L"Korvane"}, {L"2;Mail tools", L"Mail tools"},
+        {L"", L""},       {L"1;", L"Korvane"},     {L"1;ignored", L"Korvane"}, {L"2;Mail tools", L"Mail tools"},
         {L"2;true", L"Korvane"}, {L"2;TRUE", L"Korvane"}, {L"2;1", L"Korvane"}, {L"2;True", L"True"},
-        {L"3;X", L""},        {L"2", L""}};
+        {L"3;X", L""},    {L"2", L""}};
     for (const auto& [ribbonInfo, title] : titles)
         EXPECT_EQ(ribbonTitleFor(ribbonInfo, L"Korvane"), title) << wideToUtf8(ribbonInfo);
 }
 
 // install.cfg beside the add-in gives the base values, the installer's
-// parameter string overrides them.
+// parameter string overrides them; an empty field changes nothing.
 TEST_F(Addin, InstallOptionsComeFromInstallCfgAndTheInstallersParameters)
 {
     const std::wstring product = Globals::defaultProductName;
@@ -124,9 +117,8 @@ TEST_F(Addin, InstallOptionsComeFromInstallCfgAndTheInstallersParameters)
         // An overlong line is cut, so it is no MaxFiles line.
         {"words\n\nunknownKey = 5\n" + std::string(4000, 'M') + "axFiles=7\ninstallForUser = yes\nMaxFiles = 9 = 10\n",
          L"", product, product, 1440, 9, false, L""},
-        // An empty field changes nothing.
-        {"addinFriendlyName=File\naddinDescription=From the file\nMaxFiles=4\n", L"\"x\\My Name\\\\user\\2;Mail tools\"",
-         L"My Name", L"From the file", 1440, 4, true, L"2;Mail tools"},
+        {"addinFriendlyName=File\naddinDescription=From file\nMaxFiles=4\n", L"\"x\\My Name\\\\user\\2;Mail tools\"",
+         L"My Name", L"From file", 1440, 4, true, L"2;Mail tools"},
         {"", L"x\\\\\\User\\\\extra\\more", product, product, 1440, -1, false, L""},
     };
     const LogCapture log(LOG_INFO);
@@ -161,7 +153,7 @@ TEST_F(Addin, TextsComeFromTheLanguagesFileThenEnglish)
         const wchar_t* expected;
     } rows[] = {
         {"Drag", "Ziehen", "From here", "Von hier", L"Ziehen"}, {"Drag", nullptr, "From here", "Von hier", L"Drag"},
-        {nullptr, nullptr, "From here", nullptr, L"From here"}, {nullptr, nullptr, "From here", "Von hier", L"Von hier"},
+        {nullptr, nullptr, "From here", nullptr, L"From here"}, {nullptr, nullptr, "Here", "Von hier", L"Von hier"},
         {nullptr, nullptr, nullptr, nullptr, L"buttonGroup"},
     };
     for (const auto& row : rows) {
@@ -178,8 +170,9 @@ TEST_F(Addin, TextsComeFromTheLanguagesFileThenEnglish)
     SetCurrentDirectoryW(previous);
 
     // A line is split at its first "=", both sides trimmed; lines are cut at 999 characters.
-    writeTexts(L"en", "\xEF\xBB\xBF# comment\r\n\r\nlabelFormat   =   Format: =MSG=  \r\n\tlabelDecrypt=Entschl\xC3\xBCsseln\r\n"
-                      "no equals sign\r\nbroken = \xFF tail\r\nlong = " + std::string(3000, 'x') +
+    writeTexts(L"en", "\xEF\xBB\xBF# comment\r\n\r\nlabelFormat   =   Format: =MSG=  \r\n"
+                      "\tlabelDecrypt=Entschl\xC3\xBCsseln\r\nno equals sign\r\nbroken = \xFF tail\r\nlong = " +
+                          std::string(3000, 'x') +
                           "=tail\nnext = ok \xF0\x9F\x98\x80\nlast = without line end");
     const auto texts = makeResourceBundle(nullptr, dll.module(), L"en");
     const std::pair<const wchar_t*, std::wstring> lines[] = {
@@ -188,20 +181,18 @@ TEST_F(Addin, TextsComeFromTheLanguagesFileThenEnglish)
         {L"next", L"ok \U0001F600"}, {L"last", L"without line end"}};
     for (const auto& [key, expected] : lines)
         EXPECT_EQ(texts->getString(key), expected) << wideToUtf8(key);
-}
 
-TEST(ShippedTexts, EveryLanguageHasEveryKey)
-{
-    // The build puts the shipped files beside the DLL and the test programs.
+    // The shipped languages have every text (the build puts them beside the test programs).
     for (const wchar_t* language : {L"en", L"de", L"fr"}) {
-        const auto texts = makeResourceBundle(nullptr, GetModuleHandleW(nullptr), language);
-        EXPECT_TRUE(dynamic_cast<const ResourceBundleImpl&>(*texts).sourcePath().ends_with(resourceFileName(language)));
+        const auto shipped = makeResourceBundle(nullptr, GetModuleHandleW(nullptr), language);
+        const std::wstring source = dynamic_cast<const ResourceBundleImpl&>(*shipped).sourcePath();
+        EXPECT_TRUE(source.ends_with(resourceFileName(language))) << wideToUtf8(source);
         for (const wchar_t* key : {L"ribbonTitle", L"buttonGroup", L"buttonActive", L"buttonInactive", L"groupOptions",
                                    L"labelFormat", L"labelTextAsJson", L"labelTextAsJsonNone", L"labelTextAsJsonTable",
                                    L"labelTextAsJsonJSON", L"labelAlwaysCopy", L"labelDecrypt",
                                    L"notifyDecryptionFailed", L"notifyErrorTitle", L"notifySaveFailed"}) {
-            EXPECT_NE(texts->getString(key), key) << wideToUtf8(language) << " lacks " << wideToUtf8(key);
-            EXPECT_EQ(texts->getString(key).find(L'\xFFFD'), std::wstring::npos);
+            EXPECT_NE(shipped->getString(key), key) << wideToUtf8(language) << " lacks " << wideToUtf8(key);
+            EXPECT_EQ(shipped->getString(key).find(L'\xFFFD'), std::wstring::npos);
         }
     }
 }
