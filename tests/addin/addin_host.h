@@ -10,6 +10,7 @@
 #include "e2e_shared/dispatch_standin.h"
 #include "e2e_shared/outlook_standin.h"
 #include "install/reg_util.h"
+#include "support/registry_snapshot.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
@@ -34,43 +35,39 @@ inline OwnedVariant ribbonControl(const std::wstring& id, const std::wstring& ta
     return variant(static_cast<IDispatch*>(control.Get()));
 }
 
-// HKCU\Software\QUEMBROOK\Korvane Addin for Microsoft Outlook[\name]; HKLM's is the same below HKLM.
-inline std::wstring userPlace(const std::wstring& name)
-{
-    return L"HKCU\\Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook" + (name.empty() ? L"" : L"\\" + name);
-}
+// The settings below HKCU (written with the add-in's helper, read raw) and
+// HKLM (written raw as named values of the key, the way Group Policy does).
+const std::wstring productKey = L"Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook";
+inline std::wstring userPlace(const std::wstring& name) { return L"HKCU\\" + productKey + L"\\" + name; }
 inline void user(const std::wstring& name, const std::wstring& value)
 {
     ASSERT_TRUE(RegUtil::setRegValue(userPlace(name), L"", value));
 }
 inline void machine(const std::wstring& name, const std::wstring& value)
 {
-    ASSERT_TRUE(RegUtil::setRegValue(L"HKLM" + userPlace(name).substr(4), L"", value));
+    const DWORD bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
+    ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, productKey.c_str(), name.c_str(), REG_SZ, value.c_str(), bytes), 0);
 }
-inline std::wstring userValue(const std::wstring& name) { return RegUtil::readString(userPlace(name)); }
+inline std::wstring userValue(const std::wstring& name)
+{
+    const std::wstring value = rawString(HKEY_CURRENT_USER, productKey + L"\\" + name);
+    return value == L"<missing>" ? L"" : value;
+}
 
 // The add-in as Outlook loads it.
 struct LoadedAddin {
     ~LoadedAddin() { shutdown(); }
-    HRESULT classObject(REFCLSID clsid, REFIID iid, void** made) const
-    {
-        using GetClassObject = HRESULT STDAPICALLTYPE(REFCLSID, REFIID, void**);
-        return exportOf<GetClassObject>(dll.module(), "DllGetClassObject")(clsid, iid, made);
-    }
-    HRESULT canUnloadNow() const { return exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), "DllCanUnloadNow")(); }
-    HRESULT createInstance(IUnknown* outer, REFIID iid, void** made) const
-    {
-        ComPtr<IClassFactory> factory;
-        const HRESULT hr = classObject(CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory));
-        return FAILED(hr) ? hr : factory->CreateInstance(outer, iid, made);
-    }
-    template <typename Interface>
+    template <typename Interface = IUnknown>
     ComPtr<Interface> create() const
     {
+        ComPtr<IClassFactory> factory;
         ComPtr<Interface> made;
-        createInstance(nullptr, __uuidof(Interface), reinterpret_cast<void**>(made.GetAddressOf()));
+        if (SUCCEEDED(exportOf<HRESULT STDAPICALLTYPE(REFCLSID, REFIID, void**)>(dll.module(), "DllGetClassObject")(
+                CLSID_CKVDragDropAddin, IID_PPV_ARGS(&factory))))
+            factory->CreateInstance(nullptr, IID_PPV_ARGS(&made));
         return made;
     }
+    HRESULT canUnloadNow() const { return exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), "DllCanUnloadNow")(); }
     void writeTexts(const std::wstring& language, const std::string& lines) const
     {
         writeBytes(folder.file(L"resource_" + language + L".txt"), lines);
@@ -83,7 +80,7 @@ struct LoadedAddin {
         user(L"LogFile", folder.file(L"korvane.log"));
         user(L"LogLevel", L"DEBUG");
         ComPtr<_IDTExtensibility2> connection;
-        object = object ? object : create<IUnknown>();
+        object = object ? object : create();
         ASSERT_EQ(object.As(&connection), S_OK);
         ASSERT_EQ(connection->OnConnection(outlook.application(), ext_cm_Startup, nullptr, nullptr), S_OK);
         connected = true;
@@ -96,15 +93,18 @@ struct LoadedAddin {
             EXPECT_EQ(connection->OnDisconnection(ext_dm_HostShutdown, nullptr), S_OK);
         }
     }
-    // A callback called as Office calls it: by dispatch id, the arguments in call order.
-    HRESULT invoke(DISPID id, std::vector<OwnedVariant> args, UniqueVariant& result) const
+    // A callback called as Office calls it: its dispatch id asked by name, the arguments in call order.
+    HRESULT invoke(const wchar_t* name, std::vector<OwnedVariant> args, UniqueVariant& result) const
     {
         ComPtr<IDispatch> dispatch;
+        LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
+        DISPID id = -1;
         std::vector<VARIANT> reversed;
         for (auto it = args.rbegin(); it != args.rend(); ++it)
             reversed.push_back(it->get());
         DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
         EXPECT_EQ(object.As(&dispatch), S_OK);
+        EXPECT_EQ(dispatch->GetIDsOfNames(IID_NULL, names, 1, 0, &id), S_OK);
         return dispatch->Invoke(id, IID_NULL, 0, DISPATCH_METHOD, &params, result.put(), nullptr, nullptr);
     }
 

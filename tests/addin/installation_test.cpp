@@ -7,7 +7,6 @@
 #include "common/unique_resource.h"
 #include "install/java_native.h"
 #include "support/child_process.h"
-#include "support/registry_snapshot.h"
 
 #include <deque>
 
@@ -15,8 +14,6 @@ namespace {
 
 constexpr const wchar_t* addinSubKey = L"Software\\Microsoft\\Office\\Outlook\\Addins\\KVDragDropAddin.class";
 constexpr const wchar_t* defaultName = L"Korvane Addin for Microsoft Outlook";
-const std::wstring productSubKey = L"Software\\QUEMBROOK\\Korvane Addin for Microsoft Outlook";
-const std::wstring ribbonInfoSubKey = productSubKey + L"\\Ribbon.Microsoft.Outlook.Explorer";
 
 // The registry before the installation: with the keys that every machine
 // with Outlook has (a fresh Wine prefix lacks them; removal leaves them).
@@ -31,10 +28,28 @@ RegistrySnapshot registryBefore()
     return takeRegistrySnapshot();
 }
 
+// Nothing but new keys and values of the user's own (a per-user installation); nothing at all.
+void expectOnlyTheUsersKeys(const RegistrySnapshot& before)
+{
+    for (const auto& change : registryChanges(before, takeRegistrySnapshot()))
+        EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
+}
 void expectNothingLeft(const RegistrySnapshot& before)
 {
     const auto left = registryChanges(before, takeRegistrySnapshot());
     EXPECT_TRUE(left.empty()) << describeChanges(left);
+}
+
+// Outlook's list of add-ins and the settings after an installation for the machine or the user.
+void expectInstalled(HKEY root, const std::wstring& name, const std::wstring& description,
+                     const std::wstring& ribbonInfo, const std::wstring& product = productKey)
+{
+    EXPECT_EQ(rawDword(root, addinSubKey, L"LoadBehavior"), 3u) << "loaded at Outlook's start";
+    EXPECT_EQ(rawString(root, addinSubKey, L"FriendlyName"), name);
+    EXPECT_EQ(rawString(root, addinSubKey, L"Description"), description);
+    EXPECT_EQ(rawString(root, product + L"\\Ribbon.Microsoft.Outlook.Explorer"), ribbonInfo);
+    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\InstallForUser"),
+              root == HKEY_CURRENT_USER ? L"true" : L"<missing>");
 }
 
 HRESULT callExport(HMODULE dll, const char* name) { return exportOf<HRESULT STDAPICALLTYPE()>(dll, name)(); }
@@ -53,7 +68,7 @@ struct JavaStrings {
         std::copy_n(of(string).data() + start, count, reinterpret_cast<char16_t*>(buffer));
     }
     JavaStrings() { table.GetStringLength = &length; table.GetStringRegion = &region; }
-    jstring make(const std::u16string& text) { return reinterpret_cast<jstring>(&strings.emplace_back(text)); }
+    jstring operator()(const std::u16string& text) { return reinterpret_cast<jstring>(&strings.emplace_back(text)); }
 
     JniFunctionTable table{};
     JNIEnv env = &table;
@@ -67,20 +82,13 @@ TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
     const RegistrySnapshot before = registryBefore();
     writeBytes(folder.file(L"install.cfg"), "addinFriendlyName = Korvane under test\naddinDescription = Real files\n");
     ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
-
-    // Outlook's list of add-ins names the ProgID and how to load it.
-    EXPECT_EQ(rawDword(HKEY_LOCAL_MACHINE, addinSubKey, L"LoadBehavior"), 3u);
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"FriendlyName"), L"Korvane under test");
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"Description"), L"Real files");
-    // A registration shows the tab with its localized title.
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, ribbonInfoSubKey), L"1;");
+    expectInstalled(HKEY_LOCAL_MACHINE, L"Korvane under test", L"Real files", L"1;"); // the tab, its localized title
 
     // The ProgID leads to the class, the class to this file.
-    CLSID clsid{};
+    CLSID clsid{}, versioned{};
     ASSERT_EQ(CLSIDFromProgID(L"KVDragDropAddin.class", &clsid), S_OK);
-    EXPECT_EQ(clsid, CLSID_CKVDragDropAddin);
-    ASSERT_EQ(CLSIDFromProgID(L"KVDragDropAddin.class.1", &clsid), S_OK);
-    EXPECT_EQ(clsid, CLSID_CKVDragDropAddin);
+    ASSERT_EQ(CLSIDFromProgID(L"KVDragDropAddin.class.1", &versioned), S_OK);
+    EXPECT_TRUE(clsid == CLSID_CKVDragDropAddin && versioned == CLSID_CKVDragDropAddin);
     const std::wstring classKey = L"CLSID\\" + guidText(CLSID_CKVDragDropAddin);
     const std::pair<std::wstring, std::wstring> values[] = {
         {L"KVDragDropAddin.class\\CurVer", L"KVDragDropAddin.class.1"},
@@ -94,79 +102,37 @@ TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
     for (const auto& [key, value] : values)
         EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, key), value);
     EXPECT_EQ(rawString(HKEY_CLASSES_ROOT, classKey + L"\\InprocServer32", L"ThreadingModel"), L"Apartment");
+    const auto canUnloadNow = exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), "DllCanUnloadNow");
     {
         // Activation as Outlook does it: by ProgID, in process.
         ComPtr<_IDTExtensibility2> addin;
-        ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&addin)), S_OK);
         ComPtr<IRibbonExtensibility> ribbon;
-        EXPECT_EQ(addin.As(&ribbon), S_OK);
-        EXPECT_EQ(canUnloadNow(), S_FALSE) << "COM loaded this very copy: its objects hold it";
         ComPtr<ITypeLib> library;
         ComPtr<ITypeInfo> callbacks;
+        ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&addin)), S_OK);
+        EXPECT_EQ(addin.As(&ribbon), S_OK);
+        EXPECT_EQ(canUnloadNow(), S_FALSE) << "COM loaded this very copy: its objects hold it";
         ASSERT_EQ(LoadRegTypeLib(LIBID_korvaneLib, 1, 0, LOCALE_NEUTRAL, &library), S_OK);
         EXPECT_EQ(library->GetTypeInfoOfGuid(IID_IKVDragDropAddin, &callbacks), S_OK);
     }
     CoFreeUnusedLibrariesEx(0, 0);
     EXPECT_EQ(canUnloadNow(), S_OK);
-
     ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
     expectNothingLeft(before);
-    EXPECT_EQ(CLSIDFromProgID(L"KVDragDropAddin.class", &clsid), CO_E_CLASSSTRING);
 
-    // An administrator's ribbon info stays.
+    // An administrator's ribbon info (a policy's named value) stays.
     machine(L"Ribbon.Microsoft.Outlook.Explorer", L"0;");
     ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
-    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, ribbonInfoSubKey), L"0;");
+    EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, productKey + L"\\Ribbon.Microsoft.Outlook.Explorer"), L"<missing>");
     ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
 }
 
-// Parameter strings as installers hand them over, well-formed or not: the
-// scope, names and ribbon info they give, and nothing left after the
-// uninstallation with the same string.
-TEST_F(Addin, ParameterStringsGiveScopeNamesAndRibbonInfo)
-{
-    const RegistrySnapshot before = registryBefore();
-    const std::wstring longName(3000, L'n');
-    const struct Row {
-        std::wstring params;
-        bool forUser;
-        std::wstring friendlyName, description, ribbonInfo;
-    } rows[] = {
-        {L"\"x\\My Name\\\\user\\2;Mail tools\"", true, L"My Name", defaultName, L"2;Mail tools"},
-        {L"", false, defaultName, defaultName, L"1;"},
-        {L"x\\A\\B\\machine\\0;\\removeSettings\\extra\\fields", false, L"A", L"B", L"0;"},
-        {L"\"\"", false, defaultName, defaultName, L"1;"},
-        {L"x\\" + longName + L"\\\\user", true, longName, defaultName, L"1;"},
-        {L"x\\K\u00f8rvane \u2603 \u540d\u524d\\D\u00e9j\u00e0 vu\\user\\2;\u00dcbersicht", true,
-         L"K\u00f8rvane \u2603 \u540d\u524d", L"D\u00e9j\u00e0 vu", L"2;\u00dcbersicht"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(wideToUtf8(row.params.substr(0, 60)));
-        // Each installer run is a process of its own.
-        const ScratchFolder runFolder;
-        const AddinCopy run(runFolder);
-        rundll32(run.module(), "RunInstallW", row.params);
-        const HKEY root = row.forUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE;
-        EXPECT_EQ(rawDword(root, addinSubKey, L"LoadBehavior"), 3u);
-        EXPECT_EQ(rawString(root, addinSubKey, L"FriendlyName"), row.friendlyName);
-        EXPECT_EQ(rawString(root, addinSubKey, L"Description"), row.description);
-        EXPECT_EQ(rawString(root, ribbonInfoSubKey), row.ribbonInfo);
-        EXPECT_EQ(rawString(HKEY_CURRENT_USER, productSubKey + L"\\InstallForUser"),
-                  row.forUser ? L"true" : L"<missing>");
-        // A per-user installation never writes the machine's registry.
-        if (row.forUser) {
-            for (const auto& change : registryChanges(before, takeRegistrySnapshot()))
-                EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
-        }
-        rundll32(run.module(), "RunUninstallW", row.params);
-        expectNothingLeft(before);
-    }
-}
-
-// rundll32 finds the commands of the file; an unreadable install.cfg is
-// logged and the defaults apply; uninstalling keeps the user's settings
-// unless asked to remove them.
-TEST_F(Addin, Rundll32CommandsAndTheUsersSettings)
+// rundll32's commands and the Java setup program's natives with installer
+// parameter strings: an unreadable install.cfg is logged and the defaults
+// apply; a per-user installation writes the user's registry only;
+// uninstalling in the recorded scope keeps the user's settings unless asked
+// to remove them, and leaves nothing else.
+TEST_F(Addin, Rundll32AndJavaInstallForTheUser)
 {
     const RegistrySnapshot before = registryBefore();
     user(L"Format", L"eml");
@@ -177,11 +143,15 @@ TEST_F(Addin, Rundll32CommandsAndTheUsersSettings)
         UniqueFile locked(CreateFileW(config.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
         ASSERT_EQ(runProgram(L"rundll32.exe " + quoted(dllPath) + L",RunInstall x\\\\\\user"), 0u);
     }
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), defaultName);
+    DeleteFileW(folder.file(L"install.cfg").c_str());
+    expectInstalled(HKEY_CURRENT_USER, defaultName, defaultName, L"1;");
     EXPECT_NE(log().find("install.cfg could not be read"), std::string::npos) << log();
     EXPECT_NE(log().find("INFO MsiInstall:"), std::string::npos) << log();
-    rundll32(dll.module(), "RunInstallW", L"x\\\\\\user"); // twice is the same as once
-    rundll32(dll.module(), "RunUninstallW", L"x");          // the recorded scope: the user's
+    // Again, with names in any script.
+    rundll32(dll.module(), "RunInstallW", L"\"x\\K\u00f8rvane \u2603 \u540d\\D\u00e9j\u00e0 vu\\user\\2;\u00dc\"");
+    expectInstalled(HKEY_CURRENT_USER, L"K\u00f8rvane \u2603 \u540d", L"D\u00e9j\u00e0 vu", L"2;\u00dc");
+    expectOnlyTheUsersKeys(before);
+    rundll32(dll.module(), "RunUninstallW", L"x"); // the recorded scope: the user's
     EXPECT_EQ(rawDword(HKEY_CURRENT_USER, addinSubKey, L"LoadBehavior"), 0xFFFFFFFFu);
     EXPECT_EQ(userValue(L"Format"), L"eml");
     rundll32(dll.module(), "RunUninstallW", L"x"); // what isn't there any more
@@ -190,45 +160,35 @@ TEST_F(Addin, Rundll32CommandsAndTheUsersSettings)
     expectNothingLeft(before);
 
     // regsvr32 /i:user: the classes in the user's own place only.
-    ASSERT_EQ(exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall")(TRUE, L"user"), S_OK);
-    for (const auto& change : registryChanges(before, takeRegistrySnapshot()))
-        EXPECT_TRUE(startsWith(change, L"+ HKCU\\Software\\")) << wideToUtf8(change);
+    const auto dllInstall = exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall");
+    ASSERT_EQ(dllInstall(TRUE, L"user"), S_OK);
+    expectOnlyTheUsersKeys(before);
     const std::wstring server = L"Software\\Classes\\CLSID\\" + guidText(CLSID_CKVDragDropAddin) + L"\\InprocServer32";
     EXPECT_EQ(rawString(HKEY_CURRENT_USER, server), folder.file(L"addin-copy.dll"));
-    ASSERT_EQ(exportOf<HRESULT STDAPICALLTYPE(BOOL, LPCWSTR)>(dll.module(), "DllInstall")(FALSE, L"user"), S_OK);
+    ASSERT_EQ(dllInstall(FALSE, L"user"), S_OK);
     expectNothingLeft(before);
-}
 
-TEST_F(Addin, JavaSetupProgramInstallsThroughItsNatives)
-{
-    const RegistrySnapshot before = registryBefore();
-    using Install = jint JNICALL(JNIEnv*, jclass, jstring);
-    using SetName = void JNICALL(JNIEnv*, jclass, jstring);
-    using OpenLog = void JNICALL(JNIEnv*, jclass, jstring, jint, jboolean);
-    const auto java = [this](const char* name) {
-        return GetProcAddress(dll.module(), ("Java_com_quembrook_com_KorvaneDll_" + std::string(name)).c_str());
+    // The Java setup program (a process of its own) names the product, and has the log it opened closed again.
+    const ScratchFolder javaFolder;
+    const AddinCopy javaDll(javaFolder);
+    const auto java = [&javaDll](const char* name) {
+        return GetProcAddress(javaDll.module(), (std::string("Java_com_quembrook_com_KorvaneDll_native") + name).c_str());
     };
-    auto* install = reinterpret_cast<Install*>(java("nativeInstall"));
-    auto* uninstall = reinterpret_cast<Install*>(java("nativeUninstall"));
-    auto* setName = reinterpret_cast<SetName*>(java("nativeSetProductName"));
-    auto* openLog = reinterpret_cast<OpenLog*>(java("nativeOpenLogFile"));
-    auto* closeLog = reinterpret_cast<void JNICALL (*)(JNIEnv*, jclass)>(java("nativeCloseLogFile"));
+    auto* install = reinterpret_cast<jint JNICALL (*)(JNIEnv*, jclass, jstring)>(java("Install"));
+    auto* uninstall = reinterpret_cast<jint JNICALL (*)(JNIEnv*, jclass, jstring)>(java("Uninstall"));
+    auto* setName = reinterpret_cast<void JNICALL (*)(JNIEnv*, jclass, jstring)>(java("SetProductName"));
+    auto* openLog = reinterpret_cast<void JNICALL (*)(JNIEnv*, jclass, jstring, jint, jboolean)>(java("OpenLogFile"));
+    auto* closeLog = reinterpret_cast<void JNICALL (*)(JNIEnv*, jclass)>(java("CloseLogFile"));
     ASSERT_TRUE(install && uninstall && setName && openLog && closeLog);
-
-    JavaStrings strings;
+    JavaStrings text;
     const std::wstring logPath = folder.file(L"setup.log");
-    openLog(&strings.env, nullptr, strings.make(std::u16string(logPath.begin(), logPath.end())), 1, 0);
-    setName(&strings.env, nullptr, strings.make(u"Korvane Java Test"));
-    EXPECT_EQ(install(&strings.env, nullptr, strings.make(u"setup\\\\Installed by Java\\user\\2;Java")), 0);
-
-    const std::wstring product = L"Software\\QUEMBROOK\\Korvane Java Test";
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"FriendlyName"), L"Korvane Java Test");
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, addinSubKey, L"Description"), L"Installed by Java");
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\Ribbon.Microsoft.Outlook.Explorer"), L"2;Java");
-    EXPECT_EQ(rawString(HKEY_CURRENT_USER, product + L"\\InstallForUser"), L"true");
-
-    EXPECT_EQ(uninstall(&strings.env, nullptr, nullptr), 0); // a null string: the recorded scope
-    closeLog(&strings.env, nullptr);
+    openLog(&text.env, nullptr, text(std::u16string(logPath.begin(), logPath.end())), 1, 0);
+    setName(&text.env, nullptr, text(u"Korvane Java Test"));
+    EXPECT_EQ(install(&text.env, nullptr, text(u"setup\\\\Installed by Java\\user\\2;Java")), 0);
+    expectInstalled(HKEY_CURRENT_USER, L"Korvane Java Test", L"Installed by Java", L"2;Java",
+                    L"Software\\QUEMBROOK\\Korvane Java Test");
+    EXPECT_EQ(uninstall(&text.env, nullptr, nullptr), 0); // a null string: the recorded scope
+    closeLog(&text.env, nullptr);
     expectNothingLeft(before);
     EXPECT_TRUE(DeleteFileW(logPath.c_str())) << "closed: the setup program may delete its log";
 }

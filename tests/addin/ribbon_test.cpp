@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr LANGID english = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
+
 // Texts that name their keys, so that a test sees which key filled what.
 constexpr const char* markedTexts =
     "ribbonTitle=T-ribbonTitle\nbuttonGroup=T-buttonGroup\nbuttonActive=T-buttonActive\n"
@@ -61,40 +63,36 @@ int greenness(IDispatch* addin, const OwnedVariant& control)
 // well-formed in every language and for titles and translations that are markup.
 TEST_F(Addin, CustomUiForEachWindowTitleAndLanguage)
 {
-    const LANGID english = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
     const struct {
-        const wchar_t *ribbonInfo, *ribbonId;
-        LANGID language;
-        const char* texts; // nullptr: the shipped ones
+        const wchar_t* ribbonInfo;
+        const char* texts;                   // nullptr: the shipped ones
         std::vector<std::wstring> contained; // none: no XML at all
-        const wchar_t* version = L"16.0.0.0";
+        LANGID language = english;
+        const wchar_t *window = L"Explorer", *version = L"16.0.0.0";
         const char* definition = nullptr; // Ribbon.Microsoft.Outlook.Explorer.xml beside the add-in
     } rows[] = {
-        {L"", L"Microsoft.Outlook.Explorer", english, markedTexts, {}},
-        {L"2;Mail tools", L"Microsoft.Outlook.Mail.Read", english, markedTexts, {}},
-        {L"2;Mail tools", L"Microsoft.Outlook.Explorer", english, markedTexts,
+        {L"", markedTexts, {}},
+        {L"2;Mail tools", markedTexts, {}, english, L"Mail.Read"},
+        {L"2;Mail tools", markedTexts,
          {L"label=\"Mail tools\"", L"\"T-buttonGroup\"", L"\"T-groupOptions\"", L"\"T-labelFormat\"", L"\"T-JSON\"",
           L"\"T-labelAlwaysCopy\"", L"\"T-labelDecrypt\"", L"\"T-labelTextAsJson\"", L"\"T-None\"", L"\"T-Table\"",
           L"onLoad=\"Ribbon_onLoad\"", L"tag=\"default-button.png\""}},
-        {L"1;ignored", L"Microsoft.Outlook.Explorer", english, markedTexts, {L"label=\"T-ribbonTitle\""}},
-        {L"2;Mail tools", L"Microsoft.Outlook.Explorer", english, markedTexts,
-         {L"label=\"MAIL TOOLS\"", L"\"T-buttonGroup\""}, L"15.0.4569.1506"},
-        {L"1;", L"Microsoft.Outlook.Explorer", english, nullptr, {L"label=\"Korvane\""}},
-        {L"1;", L"Microsoft.Outlook.Explorer", MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), nullptr, {L"Verschl\u00FCss"}},
-        {L"1;", L"Microsoft.Outlook.Explorer", MAKELANGID(LANG_FRENCH, SUBLANG_FRENCH), nullptr, {L"\"bnOnOff\""}},
-        {L"2;R&D", L"Microsoft.Outlook.Explorer", english, nullptr, {L"label=\"R&amp;D\""}},
-        {L"2;\"Mail\" <&>", L"Microsoft.Outlook.Explorer", english, nullptr, {L"&quot;Mail&quot; &lt;&amp;&gt;"}},
-        {L"1;", L"Microsoft.Outlook.Explorer", english, "ribbonTitle = <b>&\nlabelDecrypt = \"S/MIME\" <off>\n",
-         {L"label=\"&quot;S/MIME&quot; &lt;off&gt;\""}},
-        {L"2;Mail tools", L"Microsoft.Outlook.Explorer", english, markedTexts,
+        {L"1;ignored", markedTexts, {L"label=\"T-ribbonTitle\""}},
+        {L"2;Mail tools", markedTexts, {L"label=\"MAIL TOOLS\""}, english, L"Explorer", L"15.0.4569.1506"},
+        {L"1;", nullptr, {L"label=\"Korvane\""}},
+        {L"1;", nullptr, {L"Verschl\u00FCss"}, MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN)},
+        {L"1;", nullptr, {L"\"bnOnOff\""}, MAKELANGID(LANG_FRENCH, SUBLANG_FRENCH)},
+        {L"2;\"R&D\" <&>", nullptr, {L"label=\"&quot;R&amp;D&quot; &lt;&amp;&gt;\""}},
+        {L"1;", "ribbonTitle = <b>&\nlabelDecrypt = \"S/MIME\" <off>\n", {L"label=\"&quot;S/MIME&quot; &lt;off&gt;\""}},
+        {L"2;Mail tools", markedTexts,
          {L"<customUI><tab label=\"Mail tools\"><group label=\"T-buttonActive \u20AC T-buttonGroupT-buttonGroup\"/>"
           L"</tab></customUI>"},
-         L"16.0.0.0",
+         english, L"Explorer", L"16.0.0.0",
          "\xEF\xBB\xBF<customUI><tab label=\"${ribbonTitle}\"><group label=\"${buttonLabel} \xE2\x82\xAC "
          "${buttonGroup}${buttonGroup}\"/></tab></customUI>"},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(wideToUtf8(row.ribbonInfo) + " " + wideToUtf8(row.ribbonId) + " " + std::to_string(row.language));
+        SCOPED_TRACE(wideToUtf8(row.ribbonInfo) + " " + wideToUtf8(row.window) + " " + std::to_string(row.language));
         LoadedAddin addin; // a new Outlook: the ribbon info is read at the start
         for (const std::wstring name : {L"\\resource_en.txt", L"\\resource_de.txt", L"\\resource_fr.txt"})
             CopyFileW((testProgramFolder() + name).c_str(), (addin.folder.path() + name).c_str(), FALSE);
@@ -108,8 +106,7 @@ TEST_F(Addin, CustomUiForEachWindowTitleAndLanguage)
         addin.connect();
         ComPtr<IRibbonExtensibility> ribbon;
         ASSERT_EQ(addin.object.As(&ribbon), S_OK);
-        UniqueVariant id(std::wstring(row.ribbonId)), xml;
-        EXPECT_EQ(ribbon->GetCustomUI(id->bstrVal, nullptr), E_POINTER);
+        UniqueVariant id(L"Microsoft.Outlook." + std::wstring(row.window)), xml;
         ASSERT_EQ(ribbon->GetCustomUI(id->bstrVal, &xml->bstrVal), S_OK);
         xml->vt = VT_BSTR;
         ASSERT_EQ(xml->bstrVal != nullptr, !row.contained.empty());
@@ -120,44 +117,55 @@ TEST_F(Addin, CustomUiForEachWindowTitleAndLanguage)
     }
 }
 
-// Every callback of the dispatch table, in the order a user meets them.
+// Every callback, found by name as Office finds it, in the order a user meets
+// them; calls that don't fit are refused and change nothing.
 TEST_F(Addin, CallbacksShowAndWriteTheSettings)
 {
     writeTexts(L"en", markedTexts);
     connect();
     auto ribbonUi = DispatchStandIn::create(L"IRibbonUI");
     ribbonUi->method(L"InvalidateControl", [](const std::vector<VARIANT>&, VARIANT*) { return S_OK; });
-    const auto on = [](const wchar_t* id) { return ribbonControl(id); };
+    UniqueVariant result;
+    ASSERT_EQ(invoke(L"Ribbon_onLoad", {variant(static_cast<IDispatch*>(ribbonUi.Get()))}, result), S_OK);
     const struct {
-        DISPID id;
-        std::vector<OwnedVariant> args;
-        std::wstring answer; // a bool as "pressed" or "up"
+        const wchar_t *callback, *control; // the name after "Ribbon_"; no control: nullptr
+        std::vector<OwnedVariant> more;    // the arguments after the control
+        std::wstring answer;               // a bool as "pressed" or "up"
         const wchar_t *setting = nullptr, *value = nullptr;
     } steps[] = {
-        {44, {variant(static_cast<IDispatch*>(ribbonUi.Get()))}, L""}, {41, {on(L"bnOnOff")}, L"pressed"},
-        {43, {on(L"bnOnOff")}, L"T-buttonActive"}, {40, {on(L"bnOnOff"), variant(false)}, L"", L"Locked", L"true"},
-        {41, {on(L"bnOnOff")}, L"up"}, {43, {on(L"bnOnOff")}, L"T-buttonInactive"},
-        {40, {on(L"bnOnOff"), variant(true)}, L"", L"Locked", L"false"}, {41, {on(L"ckAlwaysCopy")}, L"pressed"},
-        {40, {on(L"ckAlwaysCopy"), variant(false)}, L"", L"IgnoreTargetEffectIfDroppedIntoOtherApplication", L"false"},
-        {41, {on(L"ckAlwaysCopy")}, L"up"}, {41, {on(L"ckDecrypt")}, L"pressed"},
-        {40, {on(L"ckDecrypt"), variant(false)}, L"", L"DecryptEnabled", L"false"},
-        {40, {on(L"ckDecrypt"), variant(true)}, L"", L"DecryptEnabled", L"true"},
-        {40, {on(L"somethingElse"), variant(false)}, L"", L"Locked", L"false"}, {41, {on(L"somethingElse")}, L"up"},
-        {41, {OwnedVariant()}, L"up"}, {45, {on(L"cbFormat")}, L"msg"},
-        {46, {on(L"cbFormat"), variant(L"eml"), variant(1)}, L"", L"Format", L"eml"}, {45, {on(L"cbFormat")}, L"eml"},
-        {49, {on(L"cbFormat")}, L"2"}, {47, {on(L"cbFormat"), variant(5)}, L"EML"},
-        {47, {on(L"cbFormat"), variant(-1)}, L"MSG"}, {48, {on(L"cbFormat"), variant(0)}, L"msg"},
-        {48, {on(L"cbFormat"), variant(1)}, L"eml"}, {50, {on(L"cbTextFormat")}, L"none"},
-        {51, {on(L"cbTextFormat"), variant(L"json"), variant(2)}, L"", L"TextFormat", L"json"},
-        {50, {on(L"cbTextFormat")}, L"json"},
+        {L"getPressed", L"bnOnOff", {}, L"pressed"}, {L"getLabel", L"bnOnOff", {}, L"T-buttonActive"},
+        {L"onAction", L"bnOnOff", {variant(false)}, L"", L"Locked", L"true"}, {L"getPressed", L"bnOnOff", {}, L"up"},
+        {L"getLabel", L"bnOnOff", {}, L"T-buttonInactive"},
+        {L"onAction", L"bnOnOff", {variant(true)}, L"", L"Locked", L"false"},
+        {L"getPressed", L"ckAlwaysCopy", {}, L"pressed"},
+        {L"onAction", L"ckAlwaysCopy", {variant(false)}, L"", L"IgnoreTargetEffectIfDroppedIntoOtherApplication",
+         L"false"},
+        {L"getPressed", L"ckAlwaysCopy", {}, L"up"}, {L"getPressed", L"ckDecrypt", {}, L"pressed"},
+        {L"onAction", L"ckDecrypt", {variant(false)}, L"", L"DecryptEnabled", L"false"},
+        {L"onAction", L"ckDecrypt", {variant(true)}, L"", L"DecryptEnabled", L"true"},
+        {L"onAction", L"somethingElse", {variant(false)}, L"", L"Locked", L"false"},
+        {L"getPressed", L"somethingElse", {}, L"up"}, {L"getPressed", nullptr, {}, L"up"},
+        {L"getSelectedFormatID", L"cbFormat", {}, L"msg"},
+        {L"onFormatChanged", L"cbFormat", {variant(L"eml"), variant(1)}, L"", L"Format", L"eml"},
+        {L"getSelectedFormatID", L"cbFormat", {}, L"eml"}, {L"getFormatCount", L"cbFormat", {}, L"2"},
+        {L"getFormatLabel", L"cbFormat", {variant(5)}, L"EML"}, {L"getFormatLabel", L"cbFormat", {variant(-1)}, L"MSG"},
+        {L"getFormatId", L"cbFormat", {variant(0)}, L"msg"}, {L"getFormatId", L"cbFormat", {variant(1)}, L"eml"},
+        {L"getSelectedTextFormatID", L"cbTextFormat", {}, L"none"},
+        {L"onTextFormatChanged", L"cbTextFormat", {variant(L"json"), variant(2)}, L"", L"TextFormat", L"json"},
+        {L"getSelectedTextFormatID", L"cbTextFormat", {}, L"json"},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE("step " + std::to_string(&step - steps));
-        UniqueVariant result;
-        ASSERT_EQ(invoke(step.id, step.args, result), S_OK);
+        std::vector<OwnedVariant> args{step.control ? ribbonControl(step.control) : OwnedVariant()};
+        args.insert(args.end(), step.more.begin(), step.more.end());
+        ASSERT_EQ(invoke((L"Ribbon_" + std::wstring(step.callback)).c_str(), args, result), S_OK);
         EXPECT_EQ(result->vt == VT_BOOL ? (result->boolVal ? L"pressed" : L"up") : result.text(), step.answer);
         EXPECT_EQ(step.setting ? userValue(step.setting) : L"", step.value ? step.value : L"");
     }
+    EXPECT_EQ(invoke(L"ribbon_onaction", {ribbonControl(L"bnOnOff"), variant(false)}, result), DISP_E_MEMBERNOTFOUND);
+    EXPECT_EQ(invoke(L"Ribbon_onAction", {ribbonControl(L"bnOnOff")}, result), DISP_E_BADPARAMCOUNT);
+    EXPECT_EQ(invoke(L"Ribbon_getFormatId", {ribbonControl(L"cbFormat"), variant(L"one")}, result), DISP_E_TYPEMISMATCH);
+    EXPECT_EQ(userValue(L"Locked"), L"false");
     // Only the on/off button is redrawn: Office shows the other controls' state itself.
     EXPECT_EQ(ribbonUi->callCount(L"InvalidateControl"), 2u);
     EXPECT_EQ(ribbonUi->lastCall(L"InvalidateControl")->args.at(0).text(), L"bnOnOff");
@@ -177,27 +185,21 @@ TEST_F(Addin, ButtonImagesFromTagFileRegistryOrResource)
     user(L"NotBase64", L"base64:***not Base64***");
     user(L"NotAnImage", L"base64:aGVsbG8gd29ybGQ=");
     connect();
-    auto untagged = DispatchStandIn::create(L"IRibbonControl");
-    untagged->property(L"Id", [] { return variant(L"bnOnOff"); });
-    const std::pair<OwnedVariant, bool> rows[] = {
-        {ribbonControl(L"bnOnOff", L"default-button.png"), true}, {ribbonControl(L"bnOnOff", L"off.png"), false},
-        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"ButtonImage")), false},
-        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"NotBase64")), true},
-        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"NotAnImage")), true},
-        {ribbonControl(L"bnOnOff", L"reg:" + userPlace(L"NoSuchValue")), true},
-        {ribbonControl(L"bnOnOff", L"missing.png"), true}, {ribbonControl(L"bnOnOff", L"broken.png"), true},
-        {variant(static_cast<IDispatch*>(untagged.Get())), true}, {OwnedVariant(), true},
-    };
-    for (size_t row = 0; row < std::size(rows); ++row) {
-        const int green = greenness(create<IDispatch>().Get(), rows[row].first); // a new object: no kept icon
-        EXPECT_TRUE(rows[row].second ? green > 60 : std::abs(green) < 20) << "row " << row << ": " << green;
+    const std::pair<std::wstring, bool> tags[] = { // the tag, whether the image is the built-in "on" one
+        {L"default-button.png", true}, {L"off.png", false}, {L"reg:" + userPlace(L"ButtonImage"), false},
+        {L"reg:" + userPlace(L"NotBase64"), true}, {L"reg:" + userPlace(L"NotAnImage"), true},
+        {L"reg:" + userPlace(L"NoSuchValue"), true}, {L"missing.png", true}, {L"broken.png", true}, {L"", true}};
+    for (const auto& [tag, builtIn] : tags) {
+        const int green = greenness(create<IDispatch>().Get(), ribbonControl(L"bnOnOff", tag)); // nothing kept yet
+        EXPECT_TRUE(builtIn ? green > 60 : std::abs(green) < 20) << wideToUtf8(tag) << ": " << green;
     }
+    EXPECT_GT(greenness(create<IDispatch>().Get(), OwnedVariant()), 60) << "no control";
     EXPECT_NE(log().find("is not Base64"), std::string::npos);
     ComPtr<IDispatch> addin;
     ASSERT_EQ(object.As(&addin), S_OK);
-    EXPECT_LT(std::abs(greenness(addin.Get(), rows[1].first)), 20);
+    EXPECT_LT(std::abs(greenness(addin.Get(), ribbonControl(L"bnOnOff", L"off.png"))), 20);
     DeleteFileW(folder.file(L"off.png").c_str());
-    EXPECT_LT(std::abs(greenness(addin.Get(), rows[1].first)), 20) << "kept";
+    EXPECT_LT(std::abs(greenness(addin.Get(), ribbonControl(L"bnOnOff", L"off.png"))), 20) << "kept";
     user(L"Locked", L"true");
-    EXPECT_LT(std::abs(greenness(create<IDispatch>().Get(), rows[0].first)), 20) << "the built-in off image";
+    EXPECT_LT(std::abs(greenness(create<IDispatch>().Get(), ribbonControl(L"bnOnOff"))), 20) << "the built-in off";
 }

@@ -59,6 +59,9 @@ TEST_F(Addin, EverySettingComesFromTheUserThenTheMachineThenItsDefault)
     }
     user(L"MaxFiles", L"many");
     EXPECT_EQ(globals()->maxFiles(), 0);
+    const DWORD number = 4711; // as a .reg file may give it
+    ASSERT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, (productKey + L"\\MaxFiles").c_str(), nullptr, REG_DWORD, &number, 4), 0);
+    EXPECT_EQ(globals()->maxFiles(), 4711);
     // Installed for the user only: the machine place is the user's.
     ASSERT_TRUE(RegUtil::deleteKey(userPlace(L"Format")));
     globals()->recordInstallForUser(true);
@@ -81,7 +84,7 @@ TEST_F(Addin, TextAsJsonBecomesTextFormatAndTheRibbonInfoGivesTheTitle)
         removeSettingsKeys(Globals::defaultCompanyName, Globals::defaultProductName);
         EXPECT_TRUE(!row.textFormat || RegUtil::setRegValue(userPlace(L"TextFormat"), L"", row.textFormat));
         EXPECT_TRUE(!row.asKey || RegUtil::setRegValue(userPlace(L"TextAsJson"), L"", row.asKey));
-        EXPECT_TRUE(!row.asValue || RegUtil::setRegValue(userPlace(L""), L"TextAsJson", row.asValue));
+        EXPECT_TRUE(!row.asValue || RegUtil::setRegValue(L"HKCU\\" + productKey, L"TextAsJson", row.asValue));
         globals()->migrateTextFormat();
         EXPECT_EQ(userValue(L"TextFormat"), row.expected);
         EXPECT_EQ(userValue(L"TextAsJson"), row.textFormat ? row.asKey : L"");
@@ -120,6 +123,9 @@ TEST_F(Addin, InstallOptionsComeFromInstallCfgAndTheInstallersParameters)
         {"addinFriendlyName=File\naddinDescription=From file\nMaxFiles=4\n", L"\"x\\My Name\\\\user\\2;Mail tools\"",
          L"My Name", L"From file", 1440, 4, true, L"2;Mail tools"},
         {"", L"x\\\\\\User\\\\extra\\more", product, product, 1440, -1, false, L""},
+        {"", L"x\\A\\B\\machine\\0;\\removeSettings\\extra", L"A", L"B", 1440, -1, false, L"0;"},
+        {"", L"\"\"", product, product, 1440, -1, false, L""},
+        {"", L"x\\" + std::wstring(3000, L'n') + L"\\\\user", std::wstring(3000, L'n'), product, 1440, -1, true, L""},
     };
     const LogCapture log(LOG_INFO);
     for (const auto& row : rows) {
