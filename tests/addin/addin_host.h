@@ -1,8 +1,7 @@
 #pragma once
-// The add-in tests' one fixture: a copy of the real DLL (with its own statics,
-// texts and install.cfg beside it) whose objects come from its class factory
-// and connect to the Outlook stand-in, its log, and the add-in's own settings
-// key (the DLL reads no other), empty before and after each test.
+// The add-in tests' one fixture: a copy of the real DLL (its own statics, with
+// texts and install.cfg beside it) whose objects connect to the Outlook
+// stand-in, its log, and the add-in's settings key, empty before and after.
 #include "korvane_h.h"
 #include "addin/globals.h"
 #include "common/com_variant.h"
@@ -67,7 +66,6 @@ struct LoadedAddin {
             factory->CreateInstance(nullptr, IID_PPV_ARGS(&made));
         return made;
     }
-    HRESULT canUnloadNow() const { return exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), "DllCanUnloadNow")(); }
     void writeTexts(const std::wstring& language, const std::string& lines) const
     {
         writeBytes(folder.file(L"resource_" + language + L".txt"), lines);
