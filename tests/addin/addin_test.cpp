@@ -7,44 +7,21 @@
 
 #include <chrono>
 
-namespace {
-
 constexpr const wchar_t* addinSubKey = L"Software\\Microsoft\\Office\\Outlook\\Addins\\KVDragDropAddin.class";
 
-// The registry before the installation: with the keys that every machine
-// with Outlook has (a fresh Wine prefix lacks them; removal leaves them).
-RegistrySnapshot registryBefore()
+TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
 {
+    // The registry before, with the keys that every machine with Outlook has (a fresh Wine prefix lacks them).
     for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
         for (const wchar_t* subKey : {L"Software\\Microsoft\\Office", L"Software\\Classes"}) {
             UniqueRegKey key;
             EXPECT_EQ(RegCreateKeyExW(root, subKey, 0, nullptr, 0, KEY_READ, nullptr, key.put(), nullptr), 0);
         }
     }
-    return takeRegistrySnapshot();
-}
-
-void expectNothingLeft(const RegistrySnapshot& before)
-{
-    const auto left = registryChanges(before, takeRegistrySnapshot());
-    EXPECT_TRUE(left.empty()) << describeChanges(left);
-}
-
-HRESULT callExport(HMODULE dll, const char* name) { return exportOf<HRESULT STDAPICALLTYPE()>(dll, name)(); }
-
-ULONG referencesOf(IUnknown* object)
-{
-    object->AddRef();
-    return object->Release();
-}
-
-} // namespace
-
-TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
-{
-    const RegistrySnapshot before = registryBefore();
+    const RegistrySnapshot before = takeRegistrySnapshot();
+    const auto call = [this](const char* name) { return exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), name)(); };
     writeBytes(folder.file(L"install.cfg"), "addinFriendlyName = Korvane under test\naddinDescription = Real files\n");
-    ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
+    ASSERT_EQ(call("DllRegisterServer"), S_OK);
     // Outlook's list of add-ins; a registration shows the tab with its localized title.
     EXPECT_EQ(rawDword(HKEY_LOCAL_MACHINE, addinSubKey, L"LoadBehavior"), 3u) << "loaded at Outlook's start";
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"FriendlyName"), L"Korvane under test");
@@ -74,24 +51,21 @@ TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
         // Activation as Outlook does it: by ProgID, in process.
         ComPtr<_IDTExtensibility2> addin;
         ComPtr<IRibbonExtensibility> ribbon;
-        ComPtr<ITypeLib> library;
-        ComPtr<ITypeInfo> callbacks;
         ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&addin)), S_OK);
         EXPECT_EQ(addin.As(&ribbon), S_OK);
         EXPECT_EQ(canUnloadNow(), S_FALSE) << "COM loaded this very copy: its objects hold it";
-        ASSERT_EQ(LoadRegTypeLib(LIBID_korvaneLib, 1, 0, LOCALE_NEUTRAL, &library), S_OK);
-        EXPECT_EQ(library->GetTypeInfoOfGuid(IID_IKVDragDropAddin, &callbacks), S_OK);
     }
     CoFreeUnusedLibrariesEx(0, 0);
     EXPECT_EQ(canUnloadNow(), S_OK);
-    ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
-    expectNothingLeft(before);
+    ASSERT_EQ(call("DllUnregisterServer"), S_OK);
+    const auto left = registryChanges(before, takeRegistrySnapshot());
+    EXPECT_TRUE(left.empty()) << describeChanges(left);
 
     // An administrator's ribbon info (a policy's named value) stays.
     machine(L"Ribbon.Microsoft.Outlook.Explorer", L"0;");
-    ASSERT_EQ(callExport(dll.module(), "DllRegisterServer"), S_OK);
+    ASSERT_EQ(call("DllRegisterServer"), S_OK);
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, productKey + L"\\Ribbon.Microsoft.Outlook.Explorer"), L"<missing>");
-    ASSERT_EQ(callExport(dll.module(), "DllUnregisterServer"), S_OK);
+    ASSERT_EQ(call("DllUnregisterServer"), S_OK);
 }
 
 // Outlook's connection events in its order, as Outlook and the log see them.
@@ -101,6 +75,7 @@ TEST_F(Addin, ConnectionsFromStartToDisablingAndClosing)
     user(L"LogAppend", L"true"); // both connections in one log
     outlook.setLanguageId(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN));
     IDispatch* application = outlook.application();
+    const auto referencesOf = [](IUnknown* object) { object->AddRef(); return object->Release(); };
     const ULONG unconnected = referencesOf(application);
     object = create();
     EXPECT_EQ(userValue(L"TextFormat"), L"");

@@ -1,15 +1,10 @@
 // The log file as administrators read it: the bytes of a line, its
-// configuration in the registry and the level filter, lines of many threads.
+// configuration in the registry and the level filter.
 #include "addin_host.h"
 
 #include <regex>
-#include <thread>
-
-namespace {
 
 const Logger logger("Globals");
-
-} // namespace
 
 TEST(Log, LineIsTimeThreadLevelLoggerAndLineNumberInUtf8PerUnit)
 {
@@ -75,21 +70,4 @@ TEST_F(Addin, LogIsConfiguredByLogFileLogLevelAndLogAppend)
     }
     DeleteFileW(defaultPath.c_str());
     EXPECT_FALSE(fileExists(folder.file(L"no")));
-}
-
-// Eight threads at once: every line whole.
-TEST(Log, LinesOfManyThreadsNeverInterleave)
-{
-    const LogCapture log(LOG_DEBUG);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([] {
-            for (int i = 0; i < 2000; ++i)
-                KV_INFO(logger) << "line " << i << L" \u20AC end";
-        });
-    for (auto& thread : threads)
-        thread.join();
-    const std::string text = log.contents();
-    const std::regex line(R"(\S+ \S+ [0-9a-f]+ INFO Globals:\d+ line \d+ \xE2\x82\xAC end\r\n)");
-    EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()), 16000);
 }

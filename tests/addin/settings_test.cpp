@@ -1,8 +1,12 @@
-// What users and administrators set: the settings in the registry, install.cfg
-// and the installer's parameters, and the texts of each language.
+// What users and administrators set: the settings in the registry (in the
+// view of Outlook's bitness), install.cfg and the installer's parameters, the
+// texts of each language; and Base64, which carries button images in the registry.
 #include "addin_host.h"
 
 #include "addin/resource_bundle.h"
+#include "install/base64.h"
+
+#include <filesystem>
 
 namespace {
 
@@ -11,7 +15,6 @@ std::wstring text(int value) { return std::to_wstring(value); }
 std::wstring text(const std::wstring& value) { return value; }
 template <auto getter>
 std::wstring read(const Globals& settings) { return text((settings.*getter)()); }
-
 } // namespace
 
 TEST_F(Addin, EverySettingComesFromTheUserThenTheMachineThenItsDefault)
@@ -60,7 +63,8 @@ TEST_F(Addin, EverySettingComesFromTheUserThenTheMachineThenItsDefault)
     user(L"MaxFiles", L"many");
     EXPECT_EQ(globals()->maxFiles(), 0);
     const DWORD number = 4711; // as a .reg file may give it
-    ASSERT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, (productKey + L"\\MaxFiles").c_str(), nullptr, REG_DWORD, &number, 4), 0);
+    const std::wstring maxFiles = productKey + L"\\MaxFiles";
+    ASSERT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, maxFiles.c_str(), nullptr, REG_DWORD, &number, sizeof number), 0);
     EXPECT_EQ(globals()->maxFiles(), 4711);
     // Installed for the user only: the machine place is the user's.
     ASSERT_TRUE(RegUtil::deleteKey(userPlace(L"Format")));
@@ -151,9 +155,8 @@ TEST_F(Addin, InstallOptionsComeFromInstallCfgAndTheInstallersParameters)
 TEST_F(Addin, TextsComeFromTheLanguagesFileThenEnglish)
 {
     const ScratchFolder current;
-    wchar_t previous[MAX_PATH + 1] = {};
-    GetCurrentDirectoryW(MAX_PATH, previous);
-    SetCurrentDirectoryW(current.path().c_str());
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(current.path());
     const struct {
         const char *addinEn, *addinDe, *currentEn, *currentDe;
         const wchar_t* expected;
@@ -173,7 +176,7 @@ TEST_F(Addin, TextsComeFromTheLanguagesFileThenEnglish)
         }
         EXPECT_EQ(makeResourceBundle(nullptr, dll.module(), L"de")->getString(L"buttonGroup"), row.expected);
     }
-    SetCurrentDirectoryW(previous);
+    std::filesystem::current_path(previous);
 
     // A line is split at its first "=", both sides trimmed; lines are cut at 999 characters.
     writeTexts(L"en", "\xEF\xBB\xBF# comment\r\n\r\nlabelFormat   =   Format: =MSG=  \r\n"
@@ -197,8 +200,73 @@ TEST_F(Addin, TextsComeFromTheLanguagesFileThenEnglish)
                                    L"labelFormat", L"labelTextAsJson", L"labelTextAsJsonNone", L"labelTextAsJsonTable",
                                    L"labelTextAsJsonJSON", L"labelAlwaysCopy", L"labelDecrypt",
                                    L"notifyDecryptionFailed", L"notifyErrorTitle", L"notifySaveFailed"}) {
-            EXPECT_NE(shipped->getString(key), key) << wideToUtf8(language) << " lacks " << wideToUtf8(key);
-            EXPECT_EQ(shipped->getString(key).find(L'\xFFFD'), std::wstring::npos);
+            const std::wstring text = shipped->getString(key);
+            EXPECT_TRUE(text != key && text.find(L'\xFFFD') == std::wstring::npos) << wideToUtf8(language + text);
         }
     }
+}
+
+// In the 32-bit view keys land below Wow6432Node; "(Wow6432Node)" in a path
+// names that place in the 32-bit view whatever the flag would do, and drops
+// out in the 64-bit view. Outlook's bitness chooses the view.
+TEST_F(Addin, RegistryViewsAndOutlooksBitness)
+{
+    const struct {
+        REGSAM view;
+        const wchar_t *path, *rawPlace; // below HKLM
+    } rows[] = {
+        {KEY_WOW64_32KEY, L"Software\\QUEMBROOK\\", L"Software\\Wow6432Node\\QUEMBROOK\\"},
+        {KEY_WOW64_32KEY, L"Software\\(Wow6432Node)\\QUEMBROOK\\", L"Software\\Wow6432Node\\QUEMBROOK\\"},
+        {KEY_WOW64_64KEY, L"Software\\(Wow6432Node)\\QUEMBROOK\\", L"Software\\QUEMBROOK\\"},
+        {KEY_WOW64_64KEY, L"(Wow6432Node)\\Software\\QUEMBROOK\\", L"Software\\QUEMBROOK\\"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(wideToUtf8(row.path));
+        RegUtil::setRegistryView(row.view);
+        const std::wstring name = L"Korvane Addin for Microsoft Outlook", path = L"HKLM\\" + (row.path + name);
+        ASSERT_TRUE(RegUtil::setRegValue(path + L"\\Format", L"", L"eml"));
+        EXPECT_EQ(RegUtil::readString(path + L"\\Format"), L"eml");
+        EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + name));
+        RegUtil::setRegistryView(row.view ^ (KEY_WOW64_32KEY | KEY_WOW64_64KEY));
+        EXPECT_EQ(RegUtil::readString(L"HKLM\\" + productKey + L"\\Format"), L"") << "not in the other view";
+        RegUtil::setRegistryView(row.view);
+        EXPECT_TRUE(RegUtil::deleteKey(path));
+        EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + name));
+    }
+    EXPECT_FALSE(RegUtil::deleteKey(L"HKCU\\")) << "never a bare root";
+    const auto removeOutlooksBitness = [] {
+        for (REGSAM view : {REGSAM(KEY_WOW64_32KEY), REGSAM(KEY_WOW64_64KEY), REGSAM(0)}) {
+            RegUtil::setRegistryView(view);
+            RegUtil::deleteKeyIfExists(L"HKLM\\Software\\Microsoft\\Office\\16.0");
+        }
+    };
+    for (const auto& [view, bitness] : {std::pair{KEY_WOW64_32KEY, L"x86"}, std::pair{KEY_WOW64_64KEY, L"x64"}}) {
+        removeOutlooksBitness();
+        RegUtil::setRegistryView(view);
+        ASSERT_TRUE(RegUtil::setRegValue(L"HKLM\\Software\\Microsoft\\Office\\16.0\\Outlook", L"Bitness", bitness));
+        RegUtil::getRegistryViewForOutlooksBitness();
+        EXPECT_EQ(RegUtil::registryView(), static_cast<REGSAM>(view)) << wideToUtf8(bitness);
+    }
+    // No Outlook at all: the add-in's own bitness.
+    removeOutlooksBitness();
+    const LogCapture log(LOG_INFO);
+    EXPECT_EQ(RegUtil::isOutlook64(), sizeof(void*) == 8);
+    EXPECT_NE(log.contents().find("WARN RegUtil:"), std::string::npos);
+    EXPECT_NE(log.contents().find("Could not detect Outlook bitness, assume Windows bitness="), std::string::npos);
+}
+
+TEST(Base64, RfcVectorsBothWaysAndBadTextRefused)
+{
+    const std::pair<std::string, std::string> vectors[] = {
+        {"", ""},             {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {std::string("\xFF\xFE\x00", 3), "//4A"},
+    };
+    for (const auto& [bytes, text] : vectors) {
+        EXPECT_EQ(encodeBase64(bytes), text);
+        EXPECT_EQ(decodeBase64(text), bytes);
+    }
+    EXPECT_EQ(decodeBase64("Zm9v\r\nYmFy"), "foobar");
+    EXPECT_EQ(decodeBase64("Zm9vYg"), "foob") << "padding may be left out";
+    for (const char* notBase64 : {"Zm9v!", "Z", "Zm9v=Zm9v", "Zg===", "Zm9=="})
+        EXPECT_FALSE(decodeBase64(notBase64)) << notBase64;
 }
