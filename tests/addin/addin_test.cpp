@@ -1,6 +1,6 @@
 // The add-in as Outlook finds and uses it: registered by regsvr32 on a real
-// copy of the DLL (checked in the registry with the raw API; installer packages
-// are package_tests'), created by ProgID, and its connection events in Outlook's order.
+// copy of the DLL and checked with the raw registry API (packages and their
+// custom actions: package_tests), created by ProgID, connected in Outlook's order.
 #include "addin_host.h"
 
 #include "common/unique_resource.h"
@@ -23,7 +23,9 @@ TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
     writeBytes(folder.file(L"install.cfg"), "addinFriendlyName = Korvane under test\naddinDescription = Real files\n");
     ASSERT_EQ(call("DllRegisterServer"), S_OK);
     // Outlook's list of add-ins; a registration shows the tab with its localized title.
-    EXPECT_EQ(rawDword(HKEY_LOCAL_MACHINE, addinSubKey, L"LoadBehavior"), 3u) << "loaded at Outlook's start";
+    DWORD loadBehavior = 0, size = sizeof loadBehavior;
+    RegGetValueW(HKEY_LOCAL_MACHINE, addinSubKey, L"LoadBehavior", RRF_RT_REG_DWORD, nullptr, &loadBehavior, &size);
+    EXPECT_EQ(loadBehavior, 3u) << "loaded at Outlook's start";
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"FriendlyName"), L"Korvane under test");
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, addinSubKey, L"Description"), L"Real files");
     EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, productKey + L"\\Ribbon.Microsoft.Outlook.Explorer"), L"1;");

@@ -226,12 +226,12 @@ TEST_F(Addin, RegistryViewsAndOutlooksBitness)
         const std::wstring name = L"Korvane Addin for Microsoft Outlook", path = L"HKLM\\" + (row.path + name);
         ASSERT_TRUE(RegUtil::setRegValue(path + L"\\Format", L"", L"eml"));
         EXPECT_EQ(RegUtil::readString(path + L"\\Format"), L"eml");
-        EXPECT_TRUE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + name));
+        EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, row.rawPlace + name + L"\\Format"), L"eml");
         RegUtil::setRegistryView(row.view ^ (KEY_WOW64_32KEY | KEY_WOW64_64KEY));
         EXPECT_EQ(RegUtil::readString(L"HKLM\\" + productKey + L"\\Format"), L"") << "not in the other view";
         RegUtil::setRegistryView(row.view);
         EXPECT_TRUE(RegUtil::deleteKey(path));
-        EXPECT_FALSE(rawKeyExists(HKEY_LOCAL_MACHINE, row.rawPlace + name));
+        EXPECT_EQ(rawString(HKEY_LOCAL_MACHINE, row.rawPlace + name + L"\\Format"), L"<missing>");
     }
     EXPECT_FALSE(RegUtil::deleteKey(L"HKCU\\")) << "never a bare root";
     const auto removeOutlooksBitness = [] {

@@ -3,6 +3,7 @@
 // msiexec, rundll32.
 #include <windows.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,10 +19,9 @@ inline std::wstring environmentBlock(const std::vector<std::pair<std::wstring, s
     wchar_t* strings = GetEnvironmentStringsW();
     for (const wchar_t* entry = strings; *entry; entry += wcslen(entry) + 1) {
         const std::wstring name(entry, wcscspn(entry + 1, L"=") + 1);
-        bool replaced = false;
-        for (const auto& each : overrides)
-            replaced = replaced || _wcsicmp(each.first.c_str(), name.c_str()) == 0;
-        block += replaced ? L"" : std::wstring(entry) + L'\0';
+        const auto overridden = [&name](const auto& each) { return _wcsicmp(each.first.c_str(), name.c_str()) == 0; };
+        if (std::none_of(overrides.begin(), overrides.end(), overridden))
+            block += std::wstring(entry) + L'\0';
     }
     FreeEnvironmentStringsW(strings);
     return block + L'\0';

@@ -3,6 +3,8 @@
 #include "common/strings.h"
 #include "common/unique_resource.h"
 
+#include <tuple>
+
 namespace {
 
 void collect(HKEY key, const std::wstring& path, RegistrySnapshot& snapshot)
@@ -45,12 +47,10 @@ RegistrySnapshot takeRegistrySnapshot()
 std::vector<std::wstring> registryChanges(const RegistrySnapshot& before, const RegistrySnapshot& after)
 {
     std::vector<std::wstring> changes;
-    for (const auto& entry : after)
-        if (!before.count(entry))
-            changes.push_back(L"+ " + entry);
-    for (const auto& entry : before)
-        if (!after.count(entry))
-            changes.push_back(L"- " + entry);
+    for (const auto& [from, to, sign] : {std::tuple{&after, &before, L"+ "}, std::tuple{&before, &after, L"- "}})
+        for (const auto& entry : *from)
+            if (!to->count(entry))
+                changes.push_back(sign + entry);
     return changes;
 }
 

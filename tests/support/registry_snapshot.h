@@ -1,8 +1,7 @@
 #pragma once
-// Every key and value name under HKLM\Software and HKCU\Software (32-bit
-// views included: they live below Wow6432Node), to prove that something
-// leaves the registry as it found it; and raw reads, to check what the add-in
-// wrote without trusting its own registry helper.
+// Every key and value name under HKLM\Software and HKCU\Software (32-bit views
+// included: below Wow6432Node), to prove that something leaves the registry as
+// it found it; and raw reads, to check what was written without the add-in's helper.
 #include <windows.h>
 #include <objbase.h>
 
@@ -18,26 +17,13 @@ RegistrySnapshot takeRegistrySnapshot();
 std::vector<std::wstring> registryChanges(const RegistrySnapshot& before, const RegistrySnapshot& after);
 std::string describeChanges(const std::vector<std::wstring>& changes);  // one to a line
 
-// Raw reads in this program's own view (unless `view` says otherwise).
+// A raw read in this program's own view.
 inline std::wstring rawString(HKEY root, const std::wstring& subKey, const wchar_t* valueName = nullptr)
 {
     wchar_t buffer[4096] = {};
     DWORD size = sizeof buffer;
     const LSTATUS status = RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_SZ, nullptr, buffer, &size);
     return status == ERROR_SUCCESS ? buffer : L"<missing>";
-}
-inline DWORD rawDword(HKEY root, const std::wstring& subKey, const wchar_t* valueName)  // 0xFFFFFFFF when missing
-{
-    DWORD value = 0xFFFFFFFF, size = sizeof value;
-    RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_DWORD, nullptr, &value, &size);
-    return value;
-}
-inline bool rawKeyExists(HKEY root, const std::wstring& subKey, REGSAM view = 0)
-{
-    HKEY key = nullptr;
-    const bool exists = RegOpenKeyExW(root, subKey.c_str(), 0, KEY_READ | view, &key) == ERROR_SUCCESS;
-    RegCloseKey(key);
-    return exists;
 }
 inline std::wstring guidText(REFGUID guid)  // {XXXXXXXX-...}, as the registry writes it
 {

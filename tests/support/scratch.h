@@ -42,24 +42,21 @@ public:
     ~TestSettingsKeys() { removeSettingsKeys(company, product_); }
     TestSettingsKeys(const TestSettingsKeys&) = delete;
     const std::wstring& product() const { return product_; }
-    std::wstring userPath(const std::wstring& name) const { return L"HKCU\\Software\\" + place(name); }
-    std::wstring machinePath(const std::wstring& name) const { return L"HKLM\\Software\\" + place(name); }
+    std::wstring userPath(const std::wstring& name) const
+    {
+        return L"HKCU\\Software\\" + std::wstring(company) + L"\\" + product_ + L"\\" + name;
+    }
 
 private:
-    std::wstring place(const std::wstring& name) const
-    {
-        return std::wstring(company) + L"\\" + product_ + (name.empty() ? L"" : L"\\" + name);
-    }
     std::wstring product_ = uniqueName(L"Bench-");
 };
 
 // Points the process-wide log at a scratch file; closes it at the end.
 class LogCapture {
 public:
-    explicit LogCapture(int level, bool append = false) { LogFile::instance().open(path_, level, append); }
+    explicit LogCapture(int level) { LogFile::instance().open(path_, level, false); }
     ~LogCapture() { LogFile::instance().close(); }
     LogCapture(const LogCapture&) = delete;
-    const std::wstring& path() const { return path_; }
     std::string contents() const { return readBytes(path_); }
 
 private:
