@@ -3,13 +3,11 @@
 // the named point throws, as if a step inside had failed.
 #include "core/exception_barrier.h"
 
-class InjectedFault {
-public:
+struct InjectedFault {
     explicit InjectedFault(const char* point, InjectedException kind = InjectedException::BadAlloc)
     {
         injectFault(point, kind);
     }
     ~InjectedFault() { disarmFault(); }
     InjectedFault(const InjectedFault&) = delete;
-    InjectedFault& operator=(const InjectedFault&) = delete;
 };

@@ -1,30 +1,33 @@
 #pragma once
-// Every key and value name under HKLM\Software and HKCU\Software (32-bit
-// views included, they live below Wow6432Node), to prove that something
-// leaves the registry as it found it. Of the class containers (CLSID,
-// Interface, TypeLib) only the names of their keys are taken.
+// Every key and value name under HKLM\Software and HKCU\Software (32-bit views
+// included: below Wow6432Node), to prove that something leaves the registry as
+// it found it; and raw reads, to check what was written without the add-in's helper.
 #include <windows.h>
+#include <objbase.h>
 
 #include <set>
 #include <string>
 #include <vector>
 
+// Keys as "HKLM\Software\..." and values as key + "|" + value name; of the
+// class containers (CLSID, Interface, TypeLib) only the names of their keys.
 using RegistrySnapshot = std::set<std::wstring>;
-
-// Keys as "HKLM\Software\..." and values as key + "|" + value name.
 RegistrySnapshot takeRegistrySnapshot();
-
-// What `after` has that `before` hasn't, and the reverse, each entry marked "+ " or "- ".
+// What `after` has that `before` hasn't ("+ " entry), and the reverse ("- ").
 std::vector<std::wstring> registryChanges(const RegistrySnapshot& before, const RegistrySnapshot& after);
-// The changes one to a line, for a failure message.
-std::string describeChanges(const std::vector<std::wstring>& changes);
+std::string describeChanges(const std::vector<std::wstring>& changes);  // one to a line
 
-// What the registry holds, read with the raw API (this program's own view
-// unless `view` says otherwise), to check what the add-in wrote without
-// trusting the add-in's own registry helper.
-std::wstring rawString(HKEY root, const std::wstring& subKey, const wchar_t* valueName = nullptr);  // "<missing>"
-DWORD rawDword(HKEY root, const std::wstring& subKey, const wchar_t* valueName);                     // 0xFFFFFFFF
-bool rawKeyExists(HKEY root, const std::wstring& subKey, REGSAM view = 0);
-
-// A GUID as the registry writes it, {XXXXXXXX-...}.
-std::wstring guidText(REFGUID guid);
+// A raw read in this program's own view.
+inline std::wstring rawString(HKEY root, const std::wstring& subKey, const wchar_t* valueName = nullptr)
+{
+    wchar_t buffer[4096] = {};
+    DWORD size = sizeof buffer;
+    const LSTATUS status = RegGetValueW(root, subKey.c_str(), valueName, RRF_RT_REG_SZ, nullptr, buffer, &size);
+    return status == ERROR_SUCCESS ? buffer : L"<missing>";
+}
+inline std::wstring guidText(REFGUID guid)  // {XXXXXXXX-...}, as the registry writes it
+{
+    wchar_t text[40] = {};
+    StringFromGUID2(guid, text, 40);
+    return text;
+}

@@ -1,6 +1,5 @@
 // Every test program runs its tests in an OLE apartment, as Outlook's
 // user-interface thread does.
-#include <windows.h>
 #include <ole2.h>
 
 #include <gtest/gtest.h>
