@@ -53,6 +53,22 @@ inline std::wstring userValue(const std::wstring& name)
     return value == L"<missing>" ? L"" : value;
 }
 
+constexpr const wchar_t* addinSubKey = L"Software\\Microsoft\\Office\\Outlook\\Addins\\KVDragDropAddin.class";
+
+// The registry before an installation, with the keys that every machine with
+// Outlook has (a fresh Wine prefix lacks them; removal leaves them).
+inline RegistrySnapshot registryBeforeInstalling()
+{
+    for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
+        for (const wchar_t* subKey : {L"Software\\Microsoft\\Office", L"Software\\Classes"}) {
+            HKEY key = nullptr;
+            EXPECT_EQ(RegCreateKeyExW(root, subKey, 0, nullptr, 0, KEY_READ, nullptr, &key, nullptr), 0);
+            RegCloseKey(key);
+        }
+    }
+    return takeRegistrySnapshot();
+}
+
 // The add-in as Outlook loads it.
 struct LoadedAddin {
     ~LoadedAddin() { shutdown(); }

@@ -3,22 +3,12 @@
 // custom actions: package_tests), created by ProgID, connected in Outlook's order.
 #include "addin_host.h"
 
-#include "common/unique_resource.h"
 
 #include <chrono>
 
-constexpr const wchar_t* addinSubKey = L"Software\\Microsoft\\Office\\Outlook\\Addins\\KVDragDropAddin.class";
-
 TEST_F(Addin, OutlookFindsAndCreatesTheRegisteredAddin)
 {
-    // The registry before, with the keys that every machine with Outlook has (a fresh Wine prefix lacks them).
-    for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
-        for (const wchar_t* subKey : {L"Software\\Microsoft\\Office", L"Software\\Classes"}) {
-            UniqueRegKey key;
-            EXPECT_EQ(RegCreateKeyExW(root, subKey, 0, nullptr, 0, KEY_READ, nullptr, key.put(), nullptr), 0);
-        }
-    }
-    const RegistrySnapshot before = takeRegistrySnapshot();
+    const RegistrySnapshot before = registryBeforeInstalling();
     const auto call = [this](const char* name) { return exportOf<HRESULT STDAPICALLTYPE()>(dll.module(), name)(); };
     writeBytes(folder.file(L"install.cfg"), "addinFriendlyName = Korvane under test\naddinDescription = Real files\n");
     ASSERT_EQ(call("DllRegisterServer"), S_OK);
