@@ -12,7 +12,6 @@
 #include "dataobject/item_id_list.h"
 #include "dataobject/shell_data_object.h"
 
-#include <shellapi.h>
 #include <shlobj.h>
 
 #include <cstring>
@@ -74,13 +73,7 @@ TEST_F(NewDataObject, OffersTheFilesInEveryFormatATargetReads)
     const std::wstring text = L"{ \"items\" : \"\u00e9t\u00e9\" }";
     const auto hdrop = [&](const std::string& block) {
         const UniqueGlobal copy(globalFromBytes(block.data(), block.size()));
-        const auto drop = static_cast<HDROP>(copy.get());
-        ASSERT_EQ(DragQueryFileW(drop, 0xFFFFFFFF, nullptr, 0), paths.size());
-        for (UINT i = 0; i < paths.size(); ++i) {
-            wchar_t path[MAX_PATH] = {};
-            DragQueryFileW(drop, i, path, MAX_PATH);
-            EXPECT_EQ(path, paths[i]);
-        }
+        EXPECT_EQ(filesOfDrop(static_cast<HDROP>(copy.get())), paths);
     };
     const auto idLists = [&](const std::string& block) {
         UINT words[3] = {};

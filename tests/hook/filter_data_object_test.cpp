@@ -19,19 +19,6 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-// GetData's bytes, or nothing when it fails.
-std::optional<std::string> fetch(IDataObject* object, CLIPFORMAT format)
-{
-    FORMATETC request{format, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
-    STGMEDIUM medium{};
-    if (FAILED(object->GetData(&request, &medium)))
-        return std::nullopt;
-    std::string bytes(static_cast<const char*>(GlobalLock(medium.hGlobal)), GlobalSize(medium.hGlobal));
-    GlobalUnlock(medium.hGlobal);
-    ReleaseStgMedium(&medium);
-    return bytes;
-}
-
 TEST(FilterDataObject, PassesOutlooksFormatsButNotTheHiddenOnesAndTextOnlyItsOwn)
 {
     RegisterDataFormats();
