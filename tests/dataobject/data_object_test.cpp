@@ -1,8 +1,6 @@
-// The data object a drop target receives, both ways it is made: the add-in's
-// own (where the shell's SHCreateDataObject is missing or a stub, as under
-// Wine) and the shell's, through a stand-in with its signature that, like the
-// shell's object, wraps the inner object and keeps what is set on it. Every
-// format is read back through OLE, twice, as targets read it.
+// The data object a drop target receives, made both ways: the add-in's own (the
+// shell's SHCreateDataObject missing, as under Wine) and the shell's, through a
+// stand-in that wraps the inner object. Every format is read back twice.
 #include "dataobject_fixture.h"
 
 #include "dataobject/data_object_writer.h"

@@ -1,8 +1,6 @@
 // The add-in as its users meet it: the Outlook stand-in loads it through
-// Outlook's add-in key and drags and copies the sample mailbox into the drop
-// target program, one process each. A run carries many drags (settings are
-// read afresh by each drag), so that the suite pays Outlook's start-up delay
-// only a few times.
+// Outlook's add-in key and drags the sample mailbox into the drop target, many
+// drags to a run (settings are read afresh by each) to pay Outlook's start once.
 #include "e2e_checks.h"
 #include "support/storage_tree.h"
 

@@ -1,7 +1,5 @@
-// The replacement DoDragDrop and OleSetClipboard with Outlook-shaped data
-// objects. A recording stand-in for the true DoDragDrop plays the modal loop:
-// it reads what the target would read, asks the drop source what the system
-// asks, and answers with the effect a target reports.
+// The replacement DoDragDrop and OleSetClipboard with Outlook-shaped data objects;
+// a recording stand-in for the true DoDragDrop plays the modal loop as a target would.
 #include "hook_fixture.h"
 
 #include "filedrop/file_drop.h"

@@ -1,7 +1,5 @@
-// The filtering wrapper around Outlook's data object (hidden formats, text
-// only its own and none for the SAP logon pad; its own text itself is read
-// with the whole data object in dataobject_tests) and the enumerator of what
-// passes.
+// The filtering wrapper around Outlook's data object (hidden formats, its own
+// text, none for the SAP logon pad) and the enumerator of what passes.
 #include "dataobject/filter_data_object.h"
 
 #include "hook_fixture.h"
