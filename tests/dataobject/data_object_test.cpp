@@ -1,8 +1,6 @@
-// The data object a drop target receives, both ways it is made: the add-in's
-// own (where the shell's SHCreateDataObject is missing or a stub, as under
-// Wine) and the shell's, through a stand-in with its signature that, like the
-// shell's object, wraps the inner object and keeps what is set on it. Every
-// format is read back through OLE, twice, as targets read it.
+// The data object a drop target receives, made both ways: the add-in's own (the
+// shell's SHCreateDataObject missing, as under Wine) and the shell's, through a
+// stand-in that wraps the inner object. Every format is read back twice.
 #include "dataobject_fixture.h"
 
 #include "dataobject/data_object_writer.h"
@@ -12,7 +10,6 @@
 #include "dataobject/item_id_list.h"
 #include "dataobject/shell_data_object.h"
 
-#include <shellapi.h>
 #include <shlobj.h>
 
 #include <cstring>
@@ -74,13 +71,7 @@ TEST_F(NewDataObject, OffersTheFilesInEveryFormatATargetReads)
     const std::wstring text = L"{ \"items\" : \"\u00e9t\u00e9\" }";
     const auto hdrop = [&](const std::string& block) {
         const UniqueGlobal copy(globalFromBytes(block.data(), block.size()));
-        const auto drop = static_cast<HDROP>(copy.get());
-        ASSERT_EQ(DragQueryFileW(drop, 0xFFFFFFFF, nullptr, 0), paths.size());
-        for (UINT i = 0; i < paths.size(); ++i) {
-            wchar_t path[MAX_PATH] = {};
-            DragQueryFileW(drop, i, path, MAX_PATH);
-            EXPECT_EQ(path, paths[i]);
-        }
+        EXPECT_EQ(filesOfDrop(static_cast<HDROP>(copy.get())), paths);
     };
     const auto idLists = [&](const std::string& block) {
         UINT words[3] = {};

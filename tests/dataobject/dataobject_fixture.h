@@ -6,6 +6,7 @@
 #include "common/com_ptr.h"
 #include "dataobject/clipboard_formats.h"
 #include "e2e_shared/outlook_data_object.h"
+#include "support/data_blocks.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
@@ -26,25 +27,6 @@ protected:
 inline CLIPFORMAT formatNamed(const wchar_t* name)
 {
     return static_cast<CLIPFORMAT>(RegisterClipboardFormatW(name));
-}
-
-inline std::string bytesOf(HGLOBAL block)
-{
-    std::string bytes(static_cast<const char*>(GlobalLock(block)), GlobalSize(block));
-    GlobalUnlock(block);
-    return bytes;
-}
-
-// What GetData gives in a memory block, or nothing.
-inline std::optional<std::string> fetch(IDataObject* object, CLIPFORMAT format)
-{
-    FORMATETC request{format, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
-    STGMEDIUM medium{};
-    if (FAILED(object->GetData(&request, &medium)) || medium.tymed != TYMED_HGLOBAL)
-        return std::nullopt;
-    std::string bytes = bytesOf(medium.hGlobal);
-    ReleaseStgMedium(&medium);
-    return bytes;
 }
 
 // A text's bytes with its NUL, wide or in the ANSI code page.

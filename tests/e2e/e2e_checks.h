@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -33,11 +34,7 @@ inline std::vector<std::wstring> receivedNames(const DropEvent& event)
 
 inline bool offersFormat(const DropEvent& event, const std::wstring& name)
 {
-    for (const std::wstring& format : event.formats) {
-        if (format == name)
-            return true;
-    }
-    return false;
+    return std::find(event.formats.begin(), event.formats.end(), name) != event.formats.end();
 }
 
 inline uint64_t fileTimeNumber(const FILETIME& time)

@@ -1,8 +1,6 @@
 #pragma once
-// One end-to-end run in real processes: the drop target program started with
-// its own report file, the Outlook stand-in started with settings and steps
-// (it loads the registered add-in, drags and copies, shuts the add-in down),
-// and afterwards what each of them and the add-in's log say.
+// One end-to-end run: the drop target and the Outlook stand-in (settings and
+// steps) started in real processes, then what they and the add-in's log say.
 #include "e2e_shared/drop_report.h"
 #include "e2e_shared/standin_result.h"
 #include "support/scratch.h"

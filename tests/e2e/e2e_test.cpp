@@ -1,10 +1,8 @@
 // The add-in as its users meet it: the Outlook stand-in loads it through
-// Outlook's add-in key and drags and copies the sample mailbox into the drop
-// target program, one process each. A run carries many drags (settings are
-// read afresh by each drag), so that the suite pays Outlook's start-up delay
-// only a few times.
+// Outlook's add-in key and drags the sample mailbox into the drop target, many
+// drags to a run (settings are read afresh by each) to pay Outlook's start once.
 #include "e2e_checks.h"
-#include "storage_streams.h"
+#include "support/storage_tree.h"
 
 #include "common/strings.h"
 #include "e2e_shared/msg_builder.h"
@@ -51,21 +49,20 @@ void expectMsgFilesAreTheirSources(const DropEvent& drop, const std::vector<Outl
         SCOPED_TRACE(lastComponent(drop.files[i].path));
         const std::wstring sourcePath = folder.file(L"source" + std::to_wstring(i) + L".msg");
         ASSERT_EQ(writeMsgFile(sourcePath, content), S_OK);
-        std::map<std::wstring, std::string> source, written;
-        ASSERT_EQ(readStorageStreams(sourcePath, source), S_OK);
-        ASSERT_EQ(readStorageStreams(drop.files[i].path, written), S_OK) << "the file is a compound file";
-        std::vector<std::wstring> differing;
-        for (const auto& [name, bytes] : source) {
+        const auto source = treeOf(openStorageFile(sourcePath).Get());
+        const auto written = treeOf(openStorageFile(drop.files[i].path).Get());
+        std::vector<std::string> differing;
+        for (const auto& [name, element] : source) {
             const auto found = written.find(name);
-            if (found == written.end() || found->second != bytes)
+            if (found == written.end() || found->second != element)
                 differing.push_back(name);
         }
         EXPECT_EQ(written.size(), source.size());
         if (content.messageClass.find(L".SMIME") != std::wstring::npos) {
             // Decrypted through Outlook: the class and the security flags changed, nothing else.
-            EXPECT_EQ(differing, (std::vector<std::wstring>{L"__properties_version1.0", L"__substg1.0_001A001F"}));
+            EXPECT_EQ(differing, (std::vector<std::string>{"/__properties_version1.0", "/__substg1.0_001A001F"}));
         } else {
-            EXPECT_TRUE(differing.empty()) << "first differing stream: " << wideToUtf8(differing[0]);
+            EXPECT_TRUE(differing.empty()) << "first differing element: " << differing[0];
         }
         EXPECT_EQ(drop.files[i].lastWrite, fileTimeNumber(*content.deliveryTime)) << "file time = delivery time";
     }

@@ -63,8 +63,8 @@ TEST_F(FileDropTest, ACleanupPassTakesWhatIsOlderThanTheLimitAndNothingElse)
         cleanupTempDir(state, state.tempDir);
 
         for (const Entry& entry : c.entries)
-            EXPECT_EQ(exists(temp.file(entry.path)), entry.kept) << c.what << ": " << testing::PrintToString(entry.path);
-        EXPECT_TRUE(exists(temp.path())) << "the pass never removes the folder it was given";
+            EXPECT_EQ(fileExists(temp.file(entry.path)), entry.kept) << c.what << ": " << testing::PrintToString(entry.path);
+        EXPECT_TRUE(fileExists(temp.path())) << "the pass never removes the folder it was given";
     }
 }
 
@@ -75,9 +75,9 @@ TEST_F(FileDropTest, TheWorkerCleansAtItsStartAndEndsAtOnceWhenStopped)
     writeBytes(old, "old");
     age(old, 120);
     startCleanupWorker(state);
-    for (int i = 0; i < 200 && exists(old); ++i)
+    for (int i = 0; i < 200 && fileExists(old); ++i)
         Sleep(50);
-    EXPECT_FALSE(exists(old)) << "the first pass runs at the start";
+    EXPECT_FALSE(fileExists(old)) << "the first pass runs at the start";
     Sleep(100); // the worker waits ten minutes for its next pass now
     stopCleanupLoop(state);
     EXPECT_EQ(WaitForSingleObject(pthread_gethandle(state.cleanupWorker.native_handle()), 5000), WAIT_OBJECT_0)

@@ -6,9 +6,8 @@
 #include "common/com_ptr.h"
 #include "dataobject/clipboard_formats.h"
 #include "e2e_shared/outlook_data_object.h"
+#include "support/data_blocks.h"
 #include "support/environment_switch.h"
-
-#include <shellapi.h>
 
 namespace {
 
@@ -26,7 +25,7 @@ TEST_F(FileDropTest, TheTemporaryFolderIsKorvaneInTempAndKeepsWhatIsThere)
         std::wstring tempDir;
         initTempDir(tempDir);
         EXPECT_EQ(tempDir, folder.path() + L"\\Korvane");
-        EXPECT_TRUE(exists(tempDir));
+        EXPECT_TRUE(fileExists(tempDir));
         EXPECT_EQ(readBytes(folder.file(L"Korvane\\earlier.txt")), existing ? "earlier" : "");
     }
 }
@@ -65,16 +64,7 @@ TEST_F(FileDropTest, HandlingGivesFilesInAFolderOfTheDragOrLeavesOutlooksObject)
         EXPECT_EQ(result.Get() == outlook.Get(), !c.files) << c.what;
         if (!c.files)
             continue;
-        FORMATETC request{CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
-        STGMEDIUM medium{};
-        ASSERT_EQ(result->GetData(&request, &medium), S_OK);
-        std::vector<std::wstring> files(DragQueryFileW(static_cast<HDROP>(medium.hGlobal), 0xFFFFFFFF, nullptr, 0));
-        for (UINT i = 0; i < files.size(); ++i) {
-            wchar_t path[MAX_PATH] = {};
-            DragQueryFileW(static_cast<HDROP>(medium.hGlobal), i, path, MAX_PATH);
-            files[i] = path;
-        }
-        ReleaseStgMedium(&medium);
+        const std::vector<std::wstring> files = droppedFiles(result.Get());
         ASSERT_EQ(files.size(), 2u);
         // One folder per drag, named by the seconds since 1970 when it began.
         const std::wstring dragFolder = files[0].substr(0, files[0].find_last_of(L'\\'));

@@ -1,12 +1,8 @@
 #pragma once
 // What the file-drop tests share: a scratch folder as the temporary folder, a
-// file-drop record of their own, settings read from a registry key of their
-// own, and ageing real files and folders.
-//
-// A drag folder's age is its creation time. Wine reports a folder's
-// last-write time as its creation time, and that changes whenever an entry is
-// added or removed, so a folder is aged after its contents are in place, and
-// both times are set, so that a test means the same on Windows.
+// file-drop record and settings of their own, and ageing real files and
+// folders (both times set, after the contents: Wine reports a folder's
+// last-write time, which each new entry changes, as its creation time).
 #include "filedrop/cleanup.h"
 #include "filedrop/file_drop.h"
 #include "filedrop/file_drop_state.h"
@@ -46,8 +42,6 @@ protected:
                                             nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
         return handle && SetFileTime(handle.get(), &time, nullptr, &time);
     }
-
-    static bool exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
     ScratchFolder folder;
     TestSettingsKeys keys;

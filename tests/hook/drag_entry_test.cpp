@@ -1,7 +1,5 @@
-// The replacement DoDragDrop and OleSetClipboard with Outlook-shaped data
-// objects. A recording stand-in for the true DoDragDrop plays the modal loop:
-// it reads what the target would read, asks the drop source what the system
-// asks, and answers with the effect a target reports.
+// The replacement DoDragDrop and OleSetClipboard with Outlook-shaped data objects;
+// a recording stand-in for the true DoDragDrop plays the modal loop as a target would.
 #include "hook_fixture.h"
 
 #include "filedrop/file_drop.h"
@@ -208,11 +206,9 @@ TEST_F(DragEntry, ADragStartedDuringADragGoesThroughUntouched)
     EXPECT_EQ(recorded.calls[1].dataObject, inner.Get());
 }
 
-// The drag folder removed (the temporary folder cleaned out) or made
-// read-only between the start of the drag and the drop. Removed, the drop
-// into another program fails as a whole and no file appears under a name the
-// target was given; read-only (which stops no one creating files there), the
-// drop gets complete files. Either way nothing is left beside them.
+// The drag folder removed or made read-only between the drag's start and the
+// drop: removed, the drop fails and no file appears under a given name;
+// read-only, the drop gets complete files. Nothing is left beside them.
 TEST_F(DragEntry, ADragFolderChangedBeforeTheDropEndsCleanly)
 {
     for (const bool removed : {true, false}) {

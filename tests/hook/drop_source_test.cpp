@@ -1,7 +1,5 @@
-// The wrapper around Outlook's drop source, over real windows: it follows the
-// program under the cursor, saves the dragged items when the user lets go
-// (with the wait cursor), and turns a failed save into another program into a
-// failed drag with a notice.
+// The wrapper around Outlook's drop source, over real windows: the program under
+// the cursor, the save at the drop (wait cursor), a failed save as a failed drag.
 #include "hook/drop_source.h"
 
 #include "hook_fixture.h"

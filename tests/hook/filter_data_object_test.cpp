@@ -1,7 +1,5 @@
-// The filtering wrapper around Outlook's data object (hidden formats, text
-// only its own and none for the SAP logon pad; its own text itself is read
-// with the whole data object in dataobject_tests) and the enumerator of what
-// passes.
+// The filtering wrapper around Outlook's data object (hidden formats, its own
+// text, none for the SAP logon pad) and the enumerator of what passes.
 #include "dataobject/filter_data_object.h"
 
 #include "hook_fixture.h"
@@ -18,19 +16,6 @@
 namespace {
 
 using Microsoft::WRL::ComPtr;
-
-// GetData's bytes, or nothing when it fails.
-std::optional<std::string> fetch(IDataObject* object, CLIPFORMAT format)
-{
-    FORMATETC request{format, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
-    STGMEDIUM medium{};
-    if (FAILED(object->GetData(&request, &medium)))
-        return std::nullopt;
-    std::string bytes(static_cast<const char*>(GlobalLock(medium.hGlobal)), GlobalSize(medium.hGlobal));
-    GlobalUnlock(medium.hGlobal);
-    ReleaseStgMedium(&medium);
-    return bytes;
-}
 
 TEST(FilterDataObject, PassesOutlooksFormatsButNotTheHiddenOnesAndTextOnlyItsOwn)
 {

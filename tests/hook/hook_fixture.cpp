@@ -1,7 +1,5 @@
 #include "hook_fixture.h"
 
-#include <shellapi.h>
-
 namespace {
 
 RecordedDoDragDrop* recording = nullptr;
@@ -21,23 +19,6 @@ RecordedDoDragDrop::RecordedDoDragDrop(During during) : during(std::move(during)
 {
     recording = this;
     g_DoDragDrop = &record;
-}
-
-std::vector<std::wstring> droppedFiles(IDataObject* dataObject)
-{
-    std::vector<std::wstring> files;
-    FORMATETC format{CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
-    STGMEDIUM medium{};
-    if (!dataObject || FAILED(dataObject->GetData(&format, &medium)))
-        return files;
-    const auto drop = static_cast<HDROP>(medium.hGlobal);
-    for (UINT index = 0, count = DragQueryFileW(drop, 0xFFFFFFFF, nullptr, 0); index < count; ++index) {
-        wchar_t path[MAX_PATH * 2] = {};
-        DragQueryFileW(drop, index, path, MAX_PATH * 2);
-        files.emplace_back(path);
-    }
-    ReleaseStgMedium(&medium);
-    return files;
 }
 
 HMODULE delayProbe()

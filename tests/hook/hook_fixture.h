@@ -7,6 +7,7 @@
 #include "common/com_ptr.h"
 #include "e2e_shared/com_object.h"
 #include "hook/drag_entry.h"
+#include "support/data_blocks.h"
 #include "support/scratch.h"
 
 #include <gtest/gtest.h>
@@ -93,8 +94,6 @@ protected:
     LogCapture log{LOG_DEBUG};
 };
 
-// The files a data object offers as CF_HDROP, empty when it offers none.
-std::vector<std::wstring> droppedFiles(IDataObject* dataObject);
 // hook_delay_probe.dll of bin/hook_probes, loaded for the program's lifetime.
 HMODULE delayProbe();
 size_t occurrences(const std::string& haystack, const std::string& text);

@@ -1,7 +1,5 @@
-// Finding and rewriting import slots: the table reader on images made here
-// byte by byte (PE32 and PE32+, with broken tables), loaded modules with
-// damaged headers, the delay-load probe, and switching interception on and
-// off in this process.
+// Finding and rewriting import slots: crafted PE32 and PE32+ images with broken
+// tables, damaged loaded modules, the delay-load probe, switching on and off.
 #include "hook/import_hook.h"
 #include "hook/pe_imports.h"
 

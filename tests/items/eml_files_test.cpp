@@ -1,7 +1,6 @@
-// Mails saved as .eml by Korvane's own writer, from the properties in the
-// storage (no MIME converter, as under Wine). Each mail of the table is
-// checked here for what it is about; the samples among them are also left in
-// KORVANE_EML_SAMPLES for check_eml.py (Python's email package, msgconvert).
+// Mails saved as .eml by Korvane's own writer from the storage (no MIME
+// converter, as under Wine); the samples are also left in KORVANE_EML_SAMPLES
+// for check_eml.py.
 #include "item_files.h"
 
 #include "core/log.h"

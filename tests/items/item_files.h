@@ -9,11 +9,11 @@
 #include "e2e_shared/sample_mailbox.h"
 #include "items/mail_item.h"
 #include "support/scratch.h"
+#include "support/storage_tree.h"
 
 #include <objidl.h>
 #include <wrl/client.h>
 
-#include <map>
 #include <memory>
 #include <string>
 
@@ -45,10 +45,6 @@ MsgContent sampleMail();
 ULONGLONG timeNumber(const FILETIME& time);
 ULONGLONG lastWriteTime(const std::wstring& path);
 
-// A compound file opened read-only; null when it is none.
-Microsoft::WRL::ComPtr<IStorage> openStorageFile(const std::wstring& path);
-// A stream from its position to its end.
-std::string restOf(IStream* stream);
 // A stream in memory holding `bytes`.
 Microsoft::WRL::ComPtr<IStream> memoryStream(const std::string& bytes);
 
@@ -58,7 +54,3 @@ bool contains(const std::string& text, const std::string& part);
 // its bytes the way the format is documented (so that a lenient reader can't
 // hide a broken FAT or an ill-formed sibling tree); empty when it is sound.
 std::string compoundFileProblems(const std::string& bytes);
-
-// Every element below `storage` by its path: a storage's class id, a
-// stream's size and the hash of its bytes.
-std::map<std::string, std::string> treeOf(IStorage* storage, const std::string& where = "");

@@ -1,7 +1,5 @@
-// The units that turn text and bytes into text and bytes, one table each:
-// address header values, the converter's header rewrite, MIME parts, header
-// fields and transfer encodings of the .eml writer, compressed RTF, the text
-// of RTF bodies, code pages and reply-to entry lists.
+// The units that turn text and bytes into text and bytes, one table each: address
+// headers, MIME parts, .eml header fields and encodings, RTF, code pages, entry lists.
 #include "item_files.h"
 
 #include "items/code_page.h"

@@ -1,7 +1,6 @@
-// Mails saved the Windows way, where that differs from the storage way: read
-// through Extended MAPI (the stand-in mapi32.dll beside this program), the
-// .eml by Outlook's MIME converter (a stand-in) or Redemption, and Korvane's
-// own writer taking over when the converter can't.
+// Mails saved the Windows way: read through Extended MAPI (the stand-in
+// mapi32.dll), the .eml by Outlook's MIME converter or Redemption (stand-ins),
+// and Korvane's own writer taking over when the converter can't.
 #include "items/item_files.h"
 
 #include "core/log.h"

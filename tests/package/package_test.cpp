@@ -1,7 +1,6 @@
-// The Windows Installer packages as administrators and users use them:
-// msiexec installs, upgrades and removes them in this Wine prefix, Outlook's
-// stand-in loads the add-in through what they registered, and the add-in's
-// custom actions run in a real installer session.
+// The packages under msiexec (install, upgrade, removal in this prefix), the
+// add-in loaded by Outlook's stand-in through what they registered, and the
+// custom actions in a real installer session.
 #include "common/strings.h"
 #include "common/unique_resource.h"
 #include "korvane_h.h"
@@ -16,7 +15,6 @@
 #include <msiquery.h>
 #include <sddl.h>
 #include <shlobj.h>
-
 
 namespace {
 

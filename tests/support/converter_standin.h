@@ -1,9 +1,7 @@
 #pragma once
-// Outlook's MIME converter (IConverterSession), registered with COM while a
-// ConverterRegistration lives. MAPIToMIMEStm reads the message it is given
-// (GetProps, the recipient table) and writes a plain-text mail shaped as the
-// converter's: "Name" <address>, lists folded with a tab, Bcc only with
-// CCSF_INCLUDE_BCC.
+// Outlook's MIME converter, registered with COM while a ConverterRegistration
+// lives: MAPIToMIMEStm writes the message as the converter does ("Name"
+// <address>, lists folded with a tab, Bcc only with CCSF_INCLUDE_BCC).
 #include "items/converter_session.h"
 
 #include <windows.h>

@@ -1,10 +1,8 @@
-// A DLL that imports DoDragDrop and OleSetClipboard of ole32.dll delay-loaded,
-// laid out as the MSVC linker does it: one ImgDelayDescr with offsets, a
-// module-handle cell, a delay address table whose entries start at binding
-// thunks, and a name table. The GNU linker makes none of this, so the tables
-// are written here (`.rva` gives image-relative offsets) and the module points
-// its own delay-import directory entry at them when it is loaded. Binding goes
-// through the toolchain's __delayLoadHelper2, as with /DELAYLOAD.
+// A DLL that imports ole32's DoDragDrop and OleSetClipboard delay-loaded, laid
+// out as the MSVC linker does it (ImgDelayDescr with offsets, module-handle
+// cell, address table starting at binding thunks, name table). The GNU linker
+// makes none of this, so the tables are written here and the module points its
+// delay-import directory at them when loaded; binding uses __delayLoadHelper2.
 #include <windows.h>
 #include <delayimp.h>
 #include <objidl.h>

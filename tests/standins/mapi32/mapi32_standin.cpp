@@ -1,10 +1,7 @@
-// The stand-in mapi32.dll: Wine's own aborts the process in OpenIMsgOnIStg.
-// The add-in binds the MAPI functions by ordinal (59, 198, 13, 15, 17), so
-// the .def file pins those; StandInLiveAllocations lets a test see that every
-// buffer was given back. The IMessage OpenIMsgOnIStg gives is for reading
-// only: GetProps and the recipient table come from the storage (read with the
-// add-in's own .msg reader); attachments, changes and the rest are not
-// supported, as the add-in then reads them from the storage itself.
+// The stand-in mapi32.dll (Wine's own aborts in OpenIMsgOnIStg), its ordinals
+// pinned by the .def file. Its IMessage only reads: GetProps and the recipient
+// table, from the storage through the add-in's .msg reader.
+// StandInLiveAllocations tells a test whether every buffer was given back.
 #include "mapi_standin.h"
 
 #include "core/log.h"

@@ -1,14 +1,7 @@
-// The Redemption stand-in: the add-in loads the library from its own folder
-// and asks DllGetClassObject for the session class directly, without COM
-// registration. The session (RDOSession) and the mails it opens from .msg
-// files (RDOMail) are late-bound objects, reached only through IDispatch by
-// name, as the add-in reaches the real library:
-//   RDOSession.MAPIOBJECT                  put, putref and get: holds what was put.
-//   RDOSession.GetMessageFromMsgFile(path) a mail object over that .msg file.
-//   RDOMail.GetDecryptedMessage()          a mail object that reads as decrypted.
-//   RDOMail.Body                           property get, as text.
-//   RDOMail.SaveAs(path, type)             type 3: the .msg (decrypted when the mail
-//                                          is); any other: subject and body as mail text.
+// The Redemption stand-in, loaded from the add-in's folder through its own
+// DllGetClassObject. RDOSession (MAPIOBJECT, GetMessageFromMsgFile) and RDOMail
+// (GetDecryptedMessage, Body, SaveAs: type 3 the .msg, others subject and body
+// as text) are reached only through IDispatch by name, as the add-in reaches them.
 #include "redemption_standin.h"
 
 #include "core/log.h"
