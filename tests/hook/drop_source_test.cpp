@@ -58,14 +58,24 @@ protected:
             GTEST_SKIP() << "needs a display (run under xvfb-run)";
     }
 
+    // The cursor over the window's middle, once the window really is there:
+    // notepad may still move itself to where it was last time.
     static void pointAt(HWND window)
     {
-        RECT rect{};
-        GetWindowRect(window, &rect);
-        SetCursorPos((rect.left + rect.right) / 2, (rect.top + rect.bottom) / 2);
-        MSG message;
-        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
-            DispatchMessageW(&message);
+        for (int i = 0; i < 100; ++i) {
+            if (window == otherWindow)
+                SetWindowPos(otherWindow, HWND_TOPMOST, 400, 300, 300, 200, SWP_SHOWWINDOW | SWP_NOACTIVATE);
+            RECT rect{};
+            GetWindowRect(window, &rect);
+            const POINT middle{(rect.left + rect.right) / 2, (rect.top + rect.bottom) / 2};
+            SetCursorPos(middle.x, middle.y);
+            MSG message;
+            while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
+                DispatchMessageW(&message);
+            if (GetAncestor(WindowFromPoint(middle), GA_ROOT) == window)
+                return;
+            Sleep(20);
+        }
     }
 
     static inline HWND ownWindow = nullptr, otherWindow = nullptr;
