@@ -11,6 +11,7 @@
 #include "received_data.h"
 
 #include "common/com_ptr.h"
+#include "e2e_shared/com_object.h"
 
 #include <ole2.h>
 #include <shellapi.h>
@@ -49,29 +50,8 @@ Options options;
     ExitProcess(3);
 }
 
-class ReportingDropTarget final : public IDropTarget {
+class ReportingDropTarget final : public ComObject<IDropTarget> {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IDropTarget) {
-            *object = static_cast<IDropTarget*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG remaining = InterlockedDecrement(&references_);
-        if (remaining == 0)
-            delete this;
-        return remaining;
-    }
-
     // Everything is accepted: the report says what came, whatever it was.
     HRESULT STDMETHODCALLTYPE DragEnter(IDataObject*, DWORD, POINTL, DWORD* effect) override
     {
@@ -104,7 +84,7 @@ private:
         const DWORD wanted = options.effect == DROPEFFECT_NONE ? DROPEFFECT_COPY : options.effect;
         return (allowed & wanted) ? wanted : (allowed & DROPEFFECT_COPY);
     }
-    LONG references_ = 1;
+    bool offers(REFIID riid) const override { return riid == IID_IDropTarget; }
 };
 
 void paste()
